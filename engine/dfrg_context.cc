@@ -1,0 +1,64 @@
+#include "engine/dfrg_context.h"
+
+#include <atomic>
+
+#include "engine/dfrg_exception.h"
+#include "logging/logger.h"
+#include "platform/env.h"
+
+namespace glidewell {
+
+CDfrgContext::CDfrgContext(std::unique_ptr<CVolumeSystem> volume, int index, CDfrgConfig* config)
+    : index(index), volume_(std::move(volume)), config_(config) {
+  ScopedLock guard(lock);
+  // The change tracker of the volume is attached by the smart driver's set-up.
+}
+
+CDfrgContext::~CDfrgContext() {
+  ScopedLock guard(lock);
+  Logger log("~CDfrgContext");
+  log.log(kLogInformal) << "Begin";
+  changeTracker.reset();
+  snapshot.reset();
+  volume_.reset();
+  log.log(kLogInformal) << "End";
+}
+
+void CDfrgContext::stopAll() {
+  Logger log("DfrgContext::stopAll");
+  log.log(kLogInformal) << "Setting stop event";
+  stopEvent.set();
+}
+
+void CDfrgContext::pause(bool pause) {
+  if (pause) {
+    runEvent.reset();
+  } else {
+    runEvent.set();
+  }
+}
+
+namespace {
+// Time of the last real check, shared by every context and thread. A race on
+// it only shifts the next check.
+std::atomic<uint32_t> lastCheck{0};
+std::atomic<bool> lastCheckSet{false};
+}  // namespace
+
+void resetCheckStateClock() { lastCheckSet.store(false); }
+
+void checkState(CDfrgContext& ctx) {
+  Env* env = Env::current();
+  uint32_t now = env->timeGetTime();
+  if (!lastCheckSet.exchange(true)) lastCheck.store(now - 500);
+  if (now - lastCheck.load() < 500) return;
+  lastCheck.store(now);
+  ctx.runEvent.wait(kWaitInfinite);
+  if (ctx.stopEvent.wait(0) != WaitResult::kSignaled) return;
+  Logger log("checkState");
+  log.log(kLogInformal) << "Throwing stop exception because stop event is set."
+                        << LogProperty("Handle", ctx.stopEvent.handleValue());
+  throw CDfrgException(ErrorStopRequested);
+}
+
+}  // namespace glidewell

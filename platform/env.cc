@@ -1,0 +1,18 @@
+#include "platform/env.h"
+
+#include <atomic>
+
+namespace glidewell {
+
+namespace {
+std::atomic<Env*> installed{nullptr};
+}
+
+Env* Env::current() {
+  Env* env = installed.load(std::memory_order_acquire);
+  return env != nullptr ? env : system();
+}
+
+void Env::setCurrent(Env* env) { installed.store(env, std::memory_order_release); }
+
+}  // namespace glidewell

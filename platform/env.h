@@ -1,0 +1,118 @@
+// Env: the engine's one seam around the operating system for clocks, files,
+// drives and the pause pipe (the registry backend and the crash handler have
+// seams of their own).
+//
+// Env::current() is what the engine uses. It is the real environment of the
+// system it was built for (win32/ or posix/) unless a test installed another
+// one with Env::setCurrent, which must happen before any engine thread runs.
+// Implementations must be thread safe: the host thread, the worker and the
+// watchers call them concurrently.
+//
+// Paths are Windows paths on every system ("state\", "D:\dir\file"). The POSIX
+// environment maps "\" to "/" when it touches the real file system.
+#ifndef GLIDEWELL_PLATFORM_ENV_H_
+#define GLIDEWELL_PLATFORM_ENV_H_
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/wintypes.h"
+
+namespace glidewell {
+
+class CVolumeSystem;
+
+// An open file of the real file system (state files, configuration, logs,
+// dumps). Closed on destruction. Not shared between threads.
+class File {
+ public:
+  virtual ~File() = default;
+  // Reads up to n bytes; *done receives the count (0 at end of file).
+  // False on an error, with the error in GetLastError().
+  virtual bool read(void* buffer, uint32_t n, uint32_t* done) = 0;
+  // Writes n bytes; *done receives the count actually written.
+  virtual bool write(const void* buffer, uint32_t n, uint32_t* done) = 0;
+  virtual bool flush() = 0;
+  virtual bool size(uint64_t* size) = 0;
+};
+
+enum class FileOpen {
+  kReadExisting,   // read access, others may read, the file must exist
+  kCreateAlways,   // write access, no sharing, replaces an existing file
+  kAppendOrCreate  // write access at the end, others may read, created when missing
+};
+
+// A held-open operating-system object (the client end of a pipe).
+class OsHandle {
+ public:
+  virtual ~OsHandle() = default;
+};
+
+class Env {
+ public:
+  virtual ~Env() = default;
+
+  static Env* current();
+  // Installs env (not owned) as the current environment; null restores the
+  // system's own.
+  static void setCurrent(Env* env);
+  static Env* system();
+
+  // The install directory the host passed to dfrg_initialize (with its trailing
+  // separator). The POSIX environment keeps its drive images below it.
+  virtual void setInstallDirectory(const std::wstring& dir) = 0;
+  virtual std::wstring installDirectory() = 0;
+
+  // --- Clocks ---
+  // Milliseconds of the multimedia timer (timeGetTime); wraps at 2^32.
+  virtual uint32_t timeGetTime() = 0;
+  // Milliseconds since start-up (GetTickCount); wraps at 2^32.
+  virtual uint32_t tickCount() = 0;
+  // The local date and time (GetLocalTime).
+  virtual SYSTEMTIME localTime() = 0;
+  // SystemTimeToFileTime: 100-ns units since 1601-01-01 of the given time,
+  // taken as it is (no zone conversion). False for an invalid date.
+  virtual bool systemTimeToFileTime(const SYSTEMTIME& time, uint64_t* fileTime) = 0;
+  // The current UTC time as a file time (CoFileTimeNow).
+  virtual uint64_t fileTimeNow() = 0;
+  virtual void sleep(uint32_t ms) = 0;
+
+  // --- Files ---
+  // Opens a file; on failure returns null with *error (when given) set to the
+  // Win32 error number (2 not found, 3 path not found, 5 access denied...).
+  virtual std::unique_ptr<File> openFile(const std::wstring& path, FileOpen how, DWORD* error) = 0;
+  // CreateDirectoryW: false when it fails, for example because it exists.
+  virtual bool createDirectory(const std::wstring& path) = 0;
+  virtual bool deleteFile(const std::wstring& path) = 0;
+  // GetCurrentDirectoryW.
+  virtual std::wstring currentDirectory() = 0;
+
+  // --- Drives ---
+  // GetLogicalDrives: bit i set when drive 'A' + i exists.
+  virtual DWORD logicalDrives() = 0;
+  // GetDriveTypeW of a root path such as "C:\".
+  virtual UINT driveType(const std::wstring& rootPath) = 0;
+  // The volume label (GetVolumeInformationW asking only for the name).
+  virtual bool volumeLabel(const std::wstring& rootPath, std::wstring* label) = 0;
+  // Opens the volume of a drive letter for the engine: a CWinVolumeSystem on
+  // Windows, a handle onto a simulated disk elsewhere. Throws CDfrgException
+  // with code -1 (ErrorVolumeUnavailable) when it cannot be opened.
+  virtual std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter) = 0;
+
+  // --- Named pipes ---
+  // Opens the client end of a named pipe ("\\.\pipe\Name") for reading.
+  // Null on failure with *error set (231 ERROR_PIPE_BUSY when every instance
+  // is busy, 2 when there is no such pipe).
+  virtual std::unique_ptr<OsHandle> openPipeClient(const std::wstring& name, DWORD* error) = 0;
+  // WaitNamedPipeW: true when an instance became available within timeoutMs.
+  virtual bool waitNamedPipe(const std::wstring& name, uint32_t timeoutMs) = 0;
+
+  // --- Process ---
+  // Ends the process at once with the given exit status.
+  virtual void exitProcess(int status) = 0;
+};
+
+}  // namespace glidewell
+
+#endif  // GLIDEWELL_PLATFORM_ENV_H_
