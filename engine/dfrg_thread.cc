@@ -1,6 +1,7 @@
 #include "engine/dfrg_thread.h"
 
 #include "config/dfrg_config.h"
+#include "dump/volume_dump.h"
 #include "engine/dfrg_exception.h"
 #include "engine/random.h"
 #include "logging/logger.h"
@@ -84,9 +85,25 @@ void DfrgThread::run(ThreadStartRecord& rec) {
   log.log(kLogInformal) << "Defrag thread::run exiting.";
 }
 
+namespace {
+// The dump file of a dump-mode run; closed when the contexts are built.
+struct DumpStream {
+  std::FILE* file = nullptr;
+  ~DumpStream() {
+    if (file != nullptr) std::fclose(file);
+  }
+};
+}  // namespace
+
 void DfrgThread::buildContexts() {
   Logger log("main");
   CDfrgConfig* config = config_;
+  DumpStream dump;
+  if (config != nullptr && config->makeDump()) {
+    dump.file = Env::current()->openStream(config->dumpPath(), "wb");
+    // A dump that was asked for and cannot be written ends the process.
+    if (dump.file == nullptr && config->makeDump()) Env::current()->exitProcess(-1);
+  }
   for (int n = 0;; ++n) {
     char letter = config != nullptr ? config->enabledDrive(n) : 0;
     if (letter == 0) break;
@@ -94,10 +111,24 @@ void DfrgThread::buildContexts() {
     try {
       std::unique_ptr<CVolumeSystem> volume = Env::current()->openVolume(static_cast<wchar_t>(letter));
       ctx = std::make_unique<CDfrgContext>(std::move(volume), static_cast<int>(contextCount()), config);
+      if (dump.file != nullptr) {
+        // In a dump run no context remains. A failed entry write ends this
+        // volume's record; the next volume's record follows it.
+        try {
+          writeVolumeDump(dump.file, ctx.get());
+        } catch (const std::string&) {
+        } catch (const char*) {
+        } catch (int) {
+        } catch (long) {
+        }
+        ctx.reset();
+        continue;
+      }
     } catch (const CDfrgException& e) {
       log.log(kLogAlert) << "Exception while creating Disk/Context" << LogProperty("ErrorCode", e.code)
                          << LogProperty("ErrorMessage", e.message);
-      continue;
+      if (!ctx) continue;  // the volume was not opened: skip the drive
+      // The context exists: the error came from writing its dump; keep it.
     }
     if (stopRequested_.isSet()) ctx->stopAll();
     ScopedLock guard(lock);
