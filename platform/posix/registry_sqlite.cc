@@ -232,10 +232,13 @@ class SqliteRegistry : public RegistryBackend {
     return t.commit();
   }
 
-  // Called once on a fresh connection: WAL, busy timeout, and the tables when
-  // the file is new. ERROR_SUCCESS or an error with *why filled in.
+  // Called once on a fresh connection: checks that the file is ours (before
+  // anything is written to it), then WAL, the busy timeout, and the tables
+  // when the file is new. ERROR_SUCCESS or an error with *why filled in.
   LONG prepare(std::string* why) {
     sqlite3_busy_timeout(db_.get(), kBusyTimeoutMs);
+    LONG r = checkOwnership(why);
+    if (r != ERROR_SUCCESS) return r;
     // WAL lets readers in other processes go on while a write commits.
     int rc = exec("PRAGMA journal_mode=WAL");
     if (rc != SQLITE_OK) return fail(rc, why);
@@ -245,14 +248,12 @@ class SqliteRegistry : public RegistryBackend {
     if (rc != SQLITE_OK) return fail(rc, why);
     Transaction t(this);
     if (t.error() != ERROR_SUCCESS) return fail(SQLITE_BUSY, why);
-    int64_t appId = pragma("application_id");
-    int64_t version = pragma("user_version");
-    int64_t tables = 0;
-    {
-      Query q(stmt("SELECT count(*) FROM sqlite_master"));
-      if (q.step() == SQLITE_ROW) tables = q.int64(0);
-    }
-    if (appId == 0 && tables == 0) {
+    // Checked again under the write lock: another process may have set the
+    // file up meanwhile.
+    bool fresh = false;
+    r = checkOwnership(why, &fresh);
+    if (r != ERROR_SUCCESS) return r;
+    if (fresh) {
       rc = exec(kSchema);
       for (int i = 0; rc == SQLITE_OK && i < kRootCount; ++i) {
         Query q(stmt("INSERT INTO registry_keys(id, parent, name, fold) VALUES (?1, 0, ?2, ?2)"));
@@ -262,15 +263,8 @@ class SqliteRegistry : public RegistryBackend {
       if (rc == SQLITE_OK) rc = exec("PRAGMA application_id=" + std::to_string(kApplicationId));
       if (rc == SQLITE_OK) rc = exec("PRAGMA user_version=" + std::to_string(kSchemaVersion));
       if (rc != SQLITE_OK) return fail(rc, why);
-    } else if (appId != kApplicationId) {
-      if (why != nullptr) *why = "the file is an SQLite database of another program";
-      return ERROR_BADDB;
-    } else if (version != kSchemaVersion) {
-      if (why != nullptr) *why = "the registry database has format " + std::to_string(version) + ", expected " +
-                                 std::to_string(kSchemaVersion);
-      return ERROR_BADDB;
     }
-    LONG r = t.commit();
+    r = t.commit();
     if (r != ERROR_SUCCESS && why != nullptr) *why = sqlite3_errmsg(db_.get());
     return r;
   }
@@ -318,6 +312,34 @@ class SqliteRegistry : public RegistryBackend {
   LONG fail(int rc, std::string* why) {
     if (why != nullptr) *why = sqlite3_errmsg(db_.get());
     return win32Error(rc);
+  }
+
+  // Ours (a registry of this format), or empty (*fresh, when asked): fine.
+  // Anything else is refused without a byte written.
+  LONG checkOwnership(std::string* why, bool* fresh = nullptr) {
+    int64_t tables = -1;
+    {
+      Query q(stmt("SELECT count(*) FROM sqlite_master"));
+      int rc = q.step();
+      if (rc != SQLITE_ROW) return fail(rc, why);
+      tables = q.int64(0);
+    }
+    int64_t appId = pragma("application_id");
+    int64_t version = pragma("user_version");
+    if (fresh != nullptr) *fresh = appId == 0 && tables == 0;
+    if (appId == 0 && tables == 0) return ERROR_SUCCESS;
+    if (appId != kApplicationId) {
+      if (why != nullptr) *why = "the file is an SQLite database of another program";
+      return ERROR_BADDB;
+    }
+    if (version != kSchemaVersion) {
+      if (why != nullptr) {
+        *why = "the registry database has format " + std::to_string(version) + ", this program reads format " +
+               std::to_string(kSchemaVersion);
+      }
+      return ERROR_BADDB;
+    }
+    return ERROR_SUCCESS;
   }
 
   // Statements are prepared once per connection and kept.
