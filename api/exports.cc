@@ -11,6 +11,7 @@
 #include "engine/dfrg_exception.h"
 #include "glidewell/dfrg.h"
 #include "platform/env.h"
+#include "platform/registry_backend.h"
 
 namespace glidewell {
 namespace {
@@ -40,6 +41,9 @@ DFRG_API int DFRG_CALL dfrg_initialize(const wchar_t* installDir, const char* ke
     installDirectory = installDir;
     registryKeyPath = keyPath;
     Env::current()->setInstallDirectory(installDirectory);
+    // A registry database that cannot be opened leaves an in-memory registry:
+    // the engine still runs, with default settings.
+    RegistryBackend::openSystem();
     CDfrgStatistics::create(HKEY_CURRENT_USER, registryKeyPath);
   } catch (...) {
     return 0;
@@ -52,6 +56,7 @@ DFRG_API int DFRG_CALL dfrg_deinitialize(void) {
   if (!initialised) return 0;
   try {
     CDfrgStatistics::destroy();
+    RegistryBackend::closeSystem();
   } catch (...) {
   }
   initialised = 0;
