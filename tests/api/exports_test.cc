@@ -134,7 +134,7 @@ TEST_F(ExportsTest, SettingsAndStatisticsLandInTheRegistryDatabase) {
 
   openRegistry();
   CRegistryStore store(HKEY_CURRENT_USER);
-  CRegistryKey* settings = nullptr;
+  std::unique_ptr<CRegistryKey> settings;
   ASSERT_TRUE(store.openKey("SOFTWARE\\quorvane\\Quorvane Glidewell\\settings", settings, KEY_READ, nullptr, false));
   DWORD v = 0;
   EXPECT_TRUE(settings->getDword("Drive Map", v, 99));
@@ -146,15 +146,13 @@ TEST_F(ExportsTest, SettingsAndStatisticsLandInTheRegistryDatabase) {
   EXPECT_TRUE(settings->getDword("DoMoveBetterPlace", v, 0));
   EXPECT_EQ(v, 1u);
   EXPECT_FALSE(settings->getDword("makeDump", v, 7));  // never written by the engine
-  delete settings;
 
   // The run reset the statistics: zero counters were written.
-  CRegistryKey* stats = nullptr;
+  std::unique_ptr<CRegistryKey> stats;
   ASSERT_TRUE(store.openKey("SOFTWARE/quorvane/Quorvane Glidewell/statistics", stats, KEY_READ, nullptr, false));
   uint64_t q = 5;
   EXPECT_TRUE(stats->getQword(std::wstring(L"Processed Files"), q, 5));
   EXPECT_EQ(q, 0u);
-  delete stats;
   RegistryBackend::closeSystem();
 }
 

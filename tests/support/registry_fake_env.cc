@@ -95,6 +95,10 @@ uint64_t RegistryFakeEnv::fileTimeNow() {
 
 void RegistryFakeEnv::sleep(uint32_t ms) { advance(ms); }
 
+std::FILE* RegistryFakeEnv::openStream(const std::wstring& path, const char* mode) {
+  return Env::system()->openStream(path, mode);
+}
+
 std::unique_ptr<File> RegistryFakeEnv::openFile(const std::wstring& path, FileOpen how, DWORD* error) {
   return Env::system()->openFile(path, how, error);
 }
