@@ -1,4 +1,5 @@
 // Clocks, files, pipes and the process for the Windows environment.
+#include <cstring>
 #include <vector>
 
 #include "platform/win32/scoped_handle.h"
@@ -142,6 +143,12 @@ std::unique_ptr<File> Win32Env::openFile(const std::wstring& path, FileOpen how,
   // error (183) even on success; callers must not see that as a failure.
   ::SetLastError(ERROR_SUCCESS);
   return std::make_unique<Win32File>(std::move(h));
+}
+
+// The runtime opens the file with CreateFileW, whose error stays the last error.
+std::FILE* Win32Env::openStream(const std::wstring& path, const char* mode) {
+  std::wstring wideMode(mode, mode + std::strlen(mode));  // "wb", "rb": plain ASCII
+  return ::_wfopen(path.c_str(), wideMode.c_str());
 }
 
 bool Win32Env::createDirectory(const std::wstring& path) { return ::CreateDirectoryW(path.c_str(), nullptr) != FALSE; }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <string>
 
@@ -239,6 +240,16 @@ TEST_F(EnvFileContract, AppendWritesLandAtTheEndEvenWithTwoWriters) {
   uint64_t size = 0;
   ASSERT_TRUE(second->size(&size));
   EXPECT_EQ(6u, size);
+}
+
+TEST_F(EnvFileContract, RuntimeStreamsReadWhatTheyWrote) {
+  std::FILE* out = env().openStream(dir_ + L"a.bin", "wb");
+  ASSERT_NE(nullptr, out);
+  const char data[] = "line\r\nbinary\0tail";
+  EXPECT_EQ(sizeof(data), std::fwrite(data, 1, sizeof(data), out));
+  EXPECT_EQ(0, std::fclose(out));
+  EXPECT_EQ(std::string(data, sizeof(data)), readAll(dir_ + L"a.bin")) << "binary mode keeps every byte";
+  EXPECT_EQ(nullptr, env().openStream(dir_ + L"gone", "rb"));
 }
 
 TEST_F(EnvFileContract, FailuresReportWin32ErrorNumbers) {
