@@ -1,7 +1,8 @@
-// A small in-memory CVolumeSystem for the volume and dump tests and the
-// snapshot benchmark: a bitmap answered in NTFS-shaped replies, and files
-// whose cluster maps the test sets run by run. The simulated disk (sim/) is
-// the full stand-in for a volume; this one lets a test script each reply.
+// A small in-memory CVolumeSystem for the volume tests and the snapshot
+// benchmark: a bitmap answered in NTFS-shaped replies, and files whose cluster
+// maps the test sets run by run. The simulated disk (sim/) is the full
+// stand-in for a volume; this one lets a test set any bitmap and script each
+// reply, including replies no file system would give.
 #ifndef GLIDEWELL_TESTS_VOLUME_BITMAP_VOLUME_H_
 #define GLIDEWELL_TESTS_VOLUME_BITMAP_VOLUME_H_
 
@@ -46,7 +47,7 @@ class BitmapVolume : public CVolumeSystem {
   }
   bool isUsed(uint64_t lcn) const { return (bitmap[lcn / 8] >> (lcn % 8)) & 1; }
 
-  // A file or directory by its full path ("T:\dir\name").
+  // A file or directory by its full path ("T:\dir\name"); not listed by find.
   FakeFile& addFile(const std::wstring& path, DWORD attributes = FILE_ATTRIBUTE_NORMAL) {
     FakeFile& f = files[path];
     f.attributes = attributes;
@@ -154,34 +155,8 @@ class BitmapVolume : public CVolumeSystem {
     return first + n < runs.size() ? fail(ERROR_MORE_DATA) : TRUE;
   }
 
-  // Lists the children of a directory pattern "T:\dir\*.*" in name order.
-  HANDLE findFirstFile(const std::wstring& pattern, WIN32_FIND_DATAW* data) override {
-    std::wstring dir = pattern.substr(0, pattern.size() - 4);  // drop "\*.*"
-    finds_.emplace_back();
-    std::vector<std::wstring>& names = finds_.back();
-    for (const auto& f : files) {
-      const std::wstring& p = f.first;
-      if (p.size() > dir.size() + 1 && p.compare(0, dir.size(), dir) == 0 && p[dir.size()] == L'\\' &&
-          p.find(L'\\', dir.size() + 1) == std::wstring::npos) {
-        names.push_back(p);
-      }
-    }
-    std::reverse(names.begin(), names.end());
-    HANDLE h = reinterpret_cast<HANDLE>(static_cast<intptr_t>(finds_.size()));
-    if (!findNextFile(h, data)) return failHandle(ERROR_FILE_NOT_FOUND);
-    return h;
-  }
-  BOOL findNextFile(HANDLE find, WIN32_FIND_DATAW* data) override {
-    std::vector<std::wstring>& names = finds_.at(reinterpret_cast<intptr_t>(find) - 1);
-    if (names.empty()) return fail(ERROR_NO_MORE_FILES);
-    std::wstring path = names.back();
-    names.pop_back();
-    std::memset(data, 0, sizeof *data);
-    data->dwFileAttributes = files[path].attributes;
-    std::wstring name = path.substr(path.rfind(L'\\') + 1);
-    std::wcsncpy(data->cFileName, name.c_str(), MAX_PATH - 1);
-    return TRUE;
-  }
+  HANDLE findFirstFile(const std::wstring&, WIN32_FIND_DATAW*) override { return failHandle(ERROR_NOT_SUPPORTED); }
+  BOOL findNextFile(HANDLE, WIN32_FIND_DATAW*) override { return fail(ERROR_NOT_SUPPORTED); }
   BOOL findClose(HANDLE) override { return TRUE; }
 
  private:
@@ -197,7 +172,6 @@ class BitmapVolume : public CVolumeSystem {
   uint64_t total_;
   wchar_t letter_;
   std::vector<std::wstring> handles_;
-  std::vector<std::vector<std::wstring>> finds_;
 };
 
 }  // namespace testing
