@@ -281,12 +281,22 @@ void removeUsedRange(CDfrgContext& ctx, const ClusterRange& range) {
       continue;
     }
     if (keepLeft && keepRight) {
-      Run right = list.insert(std::next(it), ClusterRange(b + 1, it->end));
+      // The run is cut in two. A full list takes the second piece only as it
+      // takes any new run: in place of a shorter eviction candidate.
+      ClusterRange rightPiece(b + 1, it->end);
       it->end = a - 1;
       offerAsCandidate(snap, it);
+      Run after = std::next(it);
+      if (list.size() >= maxExtentListSize(ctx)) {
+        if (snap.evictionCandidate == list.end()) chooseShortestCandidate(snap);
+        if (rightPiece.length() <= snap.evictionCandidate->length()) break;
+        Run following = list.erase(snap.evictionCandidate);
+        if (snap.evictionCandidate == after) after = following;
+        snap.evictionCandidate = list.end();
+      }
+      Run right = list.insert(after, rightPiece);
       offerAsCandidate(snap, right);
-      it = std::next(right);
-      continue;
+      break;  // runs are disjoint: nothing further can overlap [a, b]
     }
     if (keepLeft) {
       it->end = a - 1;

@@ -1,13 +1,65 @@
 // The drive list on POSIX systems: every image <install dir>/volumes/<letter>.vdf
-// is a fixed drive of that letter.
+// is a fixed drive of that letter, and so is every disk plugged into the
+// process's simulated drives (SimDrives). Opening a drive loads its image
+// into a simulated disk (or shares the one already open); when the engine
+// closes the last handle on it, a changed disk is written back to a temporary
+// file that then replaces the image, so a crash never leaves half an image.
+#include <errno.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
 
 #include "engine/dfrg_exception.h"
 #include "platform/posix/posix_env.h"
 #include "platform/text.h"
+#include "sim/sim_drives.h"
+#include "sim/sim_image.h"
 #include "volume/volume_system.h"
 
 namespace glidewell {
+
+namespace {
+
+using FilePtr = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+bool isImage(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+bool isLetter(wchar_t c) { return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z'); }
+
+// Writes the disk to path + ".tmp", flushes it to the device, then renames it
+// over the image.
+bool writeImageAtomically(const SimDisk& disk, wchar_t letter, const std::string& path, std::string* error) {
+  std::string temp = path + ".tmp";
+  std::FILE* raw = std::fopen(temp.c_str(), "wb");
+  if (raw == nullptr) {
+    *error = "cannot create " + temp + ": " + std::strerror(errno);
+    return false;
+  }
+  FilePtr file(raw, &std::fclose);
+  bool ok = saveSimImage(disk, letter, file.get(), error);
+  if (ok && ::fsync(::fileno(file.get())) != 0) {
+    *error = "cannot flush " + temp + ": " + std::strerror(errno);
+    ok = false;
+  }
+  if (std::fclose(file.release()) != 0 && ok) {
+    *error = "cannot close " + temp + ": " + std::strerror(errno);
+    ok = false;
+  }
+  if (ok && std::rename(temp.c_str(), path.c_str()) != 0) {
+    *error = "cannot replace " + path + ": " + std::strerror(errno);
+    ok = false;
+  }
+  if (!ok) std::remove(temp.c_str());
+  return ok;
+}
+
+}  // namespace
 
 std::string PosixEnv::imagePath(wchar_t driveLetter) {
   std::wstring dir = installDirectory();
@@ -17,31 +69,53 @@ std::string PosixEnv::imagePath(wchar_t driveLetter) {
 }
 
 DWORD PosixEnv::logicalDrives() {
-  DWORD mask = 0;
+  DWORD mask = SimDrives::instance().pluggedDrives();
   for (int i = 0; i < 26; ++i) {
-    struct stat st;
-    if (::stat(imagePath(static_cast<wchar_t>(L'A' + i)).c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-      mask |= 1u << i;
-    }
+    if (isImage(imagePath(static_cast<wchar_t>(L'A' + i)))) mask |= 1u << i;
   }
   return mask;
 }
 
 UINT PosixEnv::driveType(const std::wstring& rootPath) {
-  if (rootPath.size() < 2 || rootPath[1] != L':') return DRIVE_NO_ROOT_DIR;
-  struct stat st;
-  return ::stat(imagePath(rootPath[0]).c_str(), &st) == 0 ? DRIVE_FIXED : DRIVE_NO_ROOT_DIR;
+  if (rootPath.size() < 2 || rootPath[1] != L':' || !isLetter(rootPath[0])) return DRIVE_NO_ROOT_DIR;
+  wchar_t letter = rootPath[0];
+  bool exists = SimDrives::instance().disk(letter) != nullptr || isImage(imagePath(letter));
+  return exists ? DRIVE_FIXED : DRIVE_NO_ROOT_DIR;
 }
 
 bool PosixEnv::volumeLabel(const std::wstring& rootPath, std::wstring* label) {
-  // Filled in with the simulated disk: the label stored in the image.
-  return false;
+  if (rootPath.size() < 2 || rootPath[1] != L':' || !isLetter(rootPath[0])) return false;
+  if (std::shared_ptr<SimDisk> disk = SimDrives::instance().disk(rootPath[0])) {
+    *label = disk->geometry().label;
+    return true;
+  }
+  std::FILE* raw = std::fopen(imagePath(rootPath[0]).c_str(), "rb");
+  if (raw == nullptr) return false;
+  FilePtr file(raw, &std::fclose);
+  return readSimImageLabel(file.get(), label);
 }
 
 std::unique_ptr<CVolumeSystem> PosixEnv::openVolume(wchar_t driveLetter) {
-  // Filled in with the simulated disk.
-  std::wstring device = L"\\\\.\\" + std::wstring(1, driveLetter) + L":";
-  throw CDfrgException(-1, "Couldn't open Volume ! " + narrow(device));
+  if (!isLetter(driveLetter)) {
+    throw CDfrgException(ErrorVolumeUnavailable,
+                         "Couldn't open Volume ! " + narrow(L"\\\\.\\" + std::wstring(1, driveLetter) + L":"));
+  }
+  std::string path = imagePath(driveLetter);
+  // The letter the image records is kept when the disk is written back.
+  auto recorded = std::make_shared<wchar_t>(driveLetter);
+  auto load = [path, recorded](std::string* error) -> std::unique_ptr<SimDisk> {
+    std::FILE* raw = std::fopen(path.c_str(), "rb");
+    if (raw == nullptr) {
+      *error = "cannot open " + path + ": " + std::strerror(errno);
+      return nullptr;
+    }
+    FilePtr file(raw, &std::fclose);
+    return loadSimImage(file.get(), error, recorded.get());
+  };
+  auto save = [path, recorded](const SimDisk& disk, std::string* error) {
+    return writeImageAtomically(disk, *recorded, path, error);
+  };
+  return SimDrives::instance().open(driveLetter, load, save);
 }
 
 }  // namespace glidewell
