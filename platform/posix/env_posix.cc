@@ -217,6 +217,12 @@ std::unique_ptr<File> PosixEnv::openFile(const std::wstring& path, FileOpen how,
   return std::make_unique<PosixFile>(fd);
 }
 
+std::FILE* PosixEnv::openStream(const std::wstring& path, const char* mode) {
+  std::FILE* f = std::fopen(posixPath(path).c_str(), mode);
+  if (f == nullptr) SetLastError(win32Error(errno));
+  return f;
+}
+
 bool PosixEnv::createDirectory(const std::wstring& path) {
   std::string p = posixPath(path);
   while (p.size() > 1 && p.back() == '/') p.pop_back();
