@@ -41,7 +41,8 @@ class File {
 enum class FileOpen {
   kReadExisting,   // read access, others may read, the file must exist
   kCreateAlways,   // write access, no sharing, replaces an existing file
-  kAppendOrCreate  // write access at the end, others may read, created when missing
+  kAppendOrCreate,  // write access at the end, others may read, created when missing
+  kCreateShareRead  // write access, others may read, replaces an existing file (log files)
 };
 
 // A held-open operating-system object (the client end of a pipe).

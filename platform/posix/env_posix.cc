@@ -194,7 +194,8 @@ std::unique_ptr<File> PosixEnv::openFile(const std::wstring& path, FileOpen how,
   int flags = O_CLOEXEC;
   switch (how) {
     case FileOpen::kReadExisting: flags |= O_RDONLY; break;
-    case FileOpen::kCreateAlways: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
+    case FileOpen::kCreateAlways:
+    case FileOpen::kCreateShareRead: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
     case FileOpen::kAppendOrCreate: flags |= O_WRONLY | O_CREAT | O_APPEND; break;
   }
   int fd = ::open(p.c_str(), flags, 0644);
