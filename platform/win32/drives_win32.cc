@@ -1,23 +1,10 @@
 // The drive list of the Windows environment, and opening a volume by letter.
 #include <string>
 
-#include "engine/dfrg_exception.h"
-#include "platform/text.h"
 #include "platform/win32/win32_env.h"
-#include "volume/volume_system.h"
+#include "volume/win32/win_volume_system.h"
 
 namespace glidewell {
-
-namespace {
-
-// Until the Windows volume implementation is part of the build: fail as an
-// unopenable volume does, so the worker skips the drive.
-std::unique_ptr<CVolumeSystem> openWinVolume(wchar_t driveLetter) {
-  std::wstring device = L"\\\\.\\" + std::wstring(1, driveLetter) + L":";
-  throw CDfrgException(-1, "Couldn't open Volume ! " + narrow(device));
-}
-
-}  // namespace
 
 DWORD Win32Env::logicalDrives() { return ::GetLogicalDrives(); }
 
@@ -32,6 +19,9 @@ bool Win32Env::volumeLabel(const std::wstring& rootPath, std::wstring* label) {
   return true;
 }
 
-std::unique_ptr<CVolumeSystem> Win32Env::openVolume(wchar_t driveLetter) { return openWinVolume(driveLetter); }
+// CWinVolumeSystem throws CDfrgException(-1) when the volume cannot be used.
+std::unique_ptr<CVolumeSystem> Win32Env::openVolume(wchar_t driveLetter) {
+  return std::make_unique<CWinVolumeSystem>(driveLetter);
+}
 
 }  // namespace glidewell
