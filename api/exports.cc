@@ -10,6 +10,9 @@
 #include "config/dfrg_statistics.h"
 #include "engine/dfrg_exception.h"
 #include "glidewell/dfrg.h"
+#include "logging/log_setup.h"
+#include "logging/logger.h"
+#include "platform/crash_handler.h"
 #include "platform/env.h"
 #include "platform/registry_backend.h"
 
@@ -38,12 +41,19 @@ DFRG_API int DFRG_CALL dfrg_initialize(const wchar_t* installDir, const char* ke
   if (initialised) return 0;
   if (installDir == nullptr || keyPath == nullptr) return 0;
   try {
+    installCrashHandler();
     installDirectory = installDir;
     registryKeyPath = keyPath;
     Env::current()->setInstallDirectory(installDirectory);
+    initLogging(installDirectory);
     // A registry database that cannot be opened leaves an in-memory registry:
     // the engine still runs, with default settings.
-    RegistryBackend::openSystem();
+    std::string registryError;
+    if (!RegistryBackend::openSystem(&registryError)) {
+      Logger log("dfrg_initialize");
+      log.log(kLogError) << "Couldn't open the registry database, settings are not kept"
+                         << LogProperty("Error", registryError);
+    }
     CDfrgStatistics::create(HKEY_CURRENT_USER, registryKeyPath);
   } catch (...) {
     return 0;
@@ -57,6 +67,7 @@ DFRG_API int DFRG_CALL dfrg_deinitialize(void) {
   try {
     CDfrgStatistics::destroy();
     RegistryBackend::closeSystem();
+    deinitLogging();
   } catch (...) {
   }
   initialised = 0;

@@ -5,6 +5,7 @@
 #include "engine/dfrg_exception.h"
 #include "engine/random.h"
 #include "logging/logger.h"
+#include "platform/crash_handler.h"
 #include "platform/env.h"
 #include "platform/text.h"
 
@@ -39,6 +40,7 @@ void DfrgThread::deleteContexts() {
 void DfrgThread::run(ThreadStartRecord& rec) {
   started_.store(true);
   engine_ = rec.owner;
+  installCrashHandler();
   seedEngineRandom(Env::current()->tickCount());
   Logger log("main");
   log.log(kLogInformal) << "Thread Start";

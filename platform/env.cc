@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "volume/volume_system.h"
+
 namespace glidewell {
 
 namespace {
@@ -14,5 +16,9 @@ Env* Env::current() {
 }
 
 void Env::setCurrent(Env* env) { installed.store(env, std::memory_order_release); }
+
+std::unique_ptr<CVolumeSystem> EnvWrapper::openVolume(wchar_t driveLetter) {
+  return target_->openVolume(driveLetter);
+}
 
 }  // namespace glidewell

@@ -118,6 +118,46 @@ class Env {
   virtual void exitProcess(int status) = 0;
 };
 
+// An Env that passes every call to another one; a test or a tool derives from
+// it and overrides only what it takes over.
+class EnvWrapper : public Env {
+ public:
+  explicit EnvWrapper(Env* target) : target_(target) {}
+  Env* target() const { return target_; }
+
+  void setInstallDirectory(const std::wstring& dir) override { target_->setInstallDirectory(dir); }
+  std::wstring installDirectory() override { return target_->installDirectory(); }
+  uint32_t timeGetTime() override { return target_->timeGetTime(); }
+  uint32_t tickCount() override { return target_->tickCount(); }
+  SYSTEMTIME localTime() override { return target_->localTime(); }
+  bool systemTimeToFileTime(const SYSTEMTIME& t, uint64_t* ft) override { return target_->systemTimeToFileTime(t, ft); }
+  uint64_t fileTimeNow() override { return target_->fileTimeNow(); }
+  void sleep(uint32_t ms) override { target_->sleep(ms); }
+  std::unique_ptr<File> openFile(const std::wstring& path, FileOpen how, DWORD* error) override {
+    return target_->openFile(path, how, error);
+  }
+  std::FILE* openStream(const std::wstring& path, const char* mode) override { return target_->openStream(path, mode); }
+  bool createDirectory(const std::wstring& path) override { return target_->createDirectory(path); }
+  bool deleteFile(const std::wstring& path) override { return target_->deleteFile(path); }
+  std::wstring currentDirectory() override { return target_->currentDirectory(); }
+  DWORD logicalDrives() override { return target_->logicalDrives(); }
+  UINT driveType(const std::wstring& rootPath) override { return target_->driveType(rootPath); }
+  bool volumeLabel(const std::wstring& rootPath, std::wstring* label) override {
+    return target_->volumeLabel(rootPath, label);
+  }
+  std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter) override;
+  std::unique_ptr<OsHandle> openPipeClient(const std::wstring& name, DWORD* error) override {
+    return target_->openPipeClient(name, error);
+  }
+  bool waitNamedPipe(const std::wstring& name, uint32_t timeoutMs) override {
+    return target_->waitNamedPipe(name, timeoutMs);
+  }
+  void exitProcess(int status) override { target_->exitProcess(status); }
+
+ private:
+  Env* target_;
+};
+
 }  // namespace glidewell
 
 #endif  // GLIDEWELL_PLATFORM_ENV_H_

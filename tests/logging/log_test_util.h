@@ -29,22 +29,15 @@ namespace testing_log {
 
 // The system environment with two seams opened: the local time can be
 // fixed, and opening files can be made to fail, or reads to fail.
-class TestEnv : public Env {
+class TestEnv : public EnvWrapper {
  public:
-  TestEnv() : base_(Env::system()) {}
+  TestEnv() : EnvWrapper(Env::system()), base_(Env::system()) {}
 
   std::optional<SYSTEMTIME> fixedTime;
   bool failOpen = false;
   bool failReads = false;
 
-  void setInstallDirectory(const std::wstring& dir) override { base_->setInstallDirectory(dir); }
-  std::wstring installDirectory() override { return base_->installDirectory(); }
-  uint32_t timeGetTime() override { return base_->timeGetTime(); }
-  uint32_t tickCount() override { return base_->tickCount(); }
   SYSTEMTIME localTime() override { return fixedTime ? *fixedTime : base_->localTime(); }
-  bool systemTimeToFileTime(const SYSTEMTIME& t, uint64_t* ft) override { return base_->systemTimeToFileTime(t, ft); }
-  uint64_t fileTimeNow() override { return base_->fileTimeNow(); }
-  void sleep(uint32_t ms) override { base_->sleep(ms); }
   std::unique_ptr<File> openFile(const std::wstring& path, FileOpen how, DWORD* error) override {
     if (failOpen) {
       if (error != nullptr) *error = ERROR_ACCESS_DENIED;
@@ -54,18 +47,6 @@ class TestEnv : public Env {
     if (file != nullptr && failReads) return std::make_unique<FailingReads>(std::move(file));
     return file;
   }
-  bool createDirectory(const std::wstring& path) override { return base_->createDirectory(path); }
-  bool deleteFile(const std::wstring& path) override { return base_->deleteFile(path); }
-  std::wstring currentDirectory() override { return base_->currentDirectory(); }
-  DWORD logicalDrives() override { return base_->logicalDrives(); }
-  UINT driveType(const std::wstring& root) override { return base_->driveType(root); }
-  bool volumeLabel(const std::wstring& root, std::wstring* label) override { return base_->volumeLabel(root, label); }
-  std::unique_ptr<CVolumeSystem> openVolume(wchar_t letter) override { return base_->openVolume(letter); }
-  std::unique_ptr<OsHandle> openPipeClient(const std::wstring& name, DWORD* error) override {
-    return base_->openPipeClient(name, error);
-  }
-  bool waitNamedPipe(const std::wstring& name, uint32_t ms) override { return base_->waitNamedPipe(name, ms); }
-  void exitProcess(int status) override { base_->exitProcess(status); }
 
  private:
   class FailingReads : public File {

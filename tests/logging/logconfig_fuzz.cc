@@ -71,6 +71,7 @@ class FuzzEnv : public Env {
   std::unique_ptr<File> openFile(const std::wstring&, FileOpen how, DWORD*) override {
     return std::make_unique<InputFile>(how == FileOpen::kReadExisting ? &input : &empty);
   }
+  std::FILE* openStream(const std::wstring&, const char*) override { return nullptr; }
   bool createDirectory(const std::wstring&) override { return false; }
   bool deleteFile(const std::wstring&) override { return false; }
   std::wstring currentDirectory() override { return L""; }

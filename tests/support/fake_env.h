@@ -17,11 +17,11 @@
 
 namespace glidewell {
 
-class FakeEnv : public Env {
+class FakeEnv : public EnvWrapper {
  public:
   using VolumeFactory = std::function<std::unique_ptr<CVolumeSystem>()>;
 
-  FakeEnv() : base_(Env::system()) {}
+  FakeEnv() : EnvWrapper(Env::system()), base_(Env::system()) {}
 
   // --- what tests take over ---
   void useManualClock(uint32_t startMs) {
@@ -40,32 +40,15 @@ class FakeEnv : public Env {
   int openedVolumes() const { return opened_.load(); }
 
   // --- Env ---
-  void setInstallDirectory(const std::wstring& dir) override { base_->setInstallDirectory(dir); }
-  std::wstring installDirectory() override { return base_->installDirectory(); }
   uint32_t timeGetTime() override { return manualClock_ ? clockMs_.load() : base_->timeGetTime(); }
   uint32_t tickCount() override { return timeGetTime(); }
   SYSTEMTIME localTime() override;
-  bool systemTimeToFileTime(const SYSTEMTIME& t, uint64_t* ft) override { return base_->systemTimeToFileTime(t, ft); }
   uint64_t fileTimeNow() override;
   void sleep(uint32_t ms) override;
-  std::unique_ptr<File> openFile(const std::wstring& path, FileOpen how, DWORD* error) override {
-    return base_->openFile(path, how, error);
-  }
-  std::FILE* openStream(const std::wstring& path, const char* mode) override { return base_->openStream(path, mode); }
-  bool createDirectory(const std::wstring& path) override { return base_->createDirectory(path); }
-  bool deleteFile(const std::wstring& path) override { return base_->deleteFile(path); }
-  std::wstring currentDirectory() override { return base_->currentDirectory(); }
   DWORD logicalDrives() override;
   UINT driveType(const std::wstring& rootPath) override;
   bool volumeLabel(const std::wstring& rootPath, std::wstring* label) override;
   std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter) override;
-  std::unique_ptr<OsHandle> openPipeClient(const std::wstring& name, DWORD* error) override {
-    return base_->openPipeClient(name, error);
-  }
-  bool waitNamedPipe(const std::wstring& name, uint32_t timeoutMs) override {
-    return base_->waitNamedPipe(name, timeoutMs);
-  }
-  void exitProcess(int status) override { base_->exitProcess(status); }
 
  private:
   struct Drive {
