@@ -280,6 +280,16 @@ TEST_F(ExportsTest, TheFirstKeyPathStaysAcrossASecondInitialise) {
   deleteKeyTree(mine);
 }
 
+TEST_F(ExportsTest, AnInstanceWhoseSettingsCannotBeOpenedIsNotCreated) {
+  // A key name longer than the registry allows: the settings key cannot be made.
+  const std::string path = "SOFTWARE\\" + std::string(300, 'x');
+  ASSERT_EQ(1, api_->initialize(installDir_.c_str(), path.c_str()));
+  EXPECT_EQ(nullptr, api_->createDefragInstance());
+  EXPECT_EQ(2, api_->getLastErrorCode()) << "ErrorFileNotFound: Couldn't load config from Registry";
+  EXPECT_STREQ("", api_->getLastErrorMessage()) << "a failed export stores the code only";
+  EXPECT_EQ(1, api_->deinitialize());
+}
+
 TEST_F(ExportsTest, AnInstanceHoldsThePausePipeUntilItIsDeleted) {
   PipeServer pipe = makePipeServer();
   ASSERT_NE(nullptr, pipe) << ::GetLastError();
