@@ -1,5 +1,13 @@
 // CDfrgConfig: the engine's settings, read from the registry key
-// <path>\settings below HKEY_CURRENT_USER, with the drive map.
+// <path>\settings below HKEY_CURRENT_USER, with the drive map: one subkey per
+// fixed drive ever seen ("C:"), holding its label ("Name") and whether the user
+// wants it defragmented ("enabled", missing = 1).
+//
+// The engine only adds what is missing (values, drive subkeys) and refreshes
+// each present drive's "Name"; it never removes a subkey or changes a setting
+// that exists, except the two flags written on request (setDoMoveLeft,
+// setDoMoveBetterPlace). Drives, labels and the state directory come through
+// Env::current(), the registry through RegistryBackend::current().
 #ifndef GLIDEWELL_CONFIG_DFRG_CONFIG_H_
 #define GLIDEWELL_CONFIG_DFRG_CONFIG_H_
 
@@ -60,6 +68,11 @@ class CDfrgConfig {
 
  private:
   CDfrgConfig();  // detached
+
+  void load(const std::wstring& installDir, HKEY root, const std::string& registryKeyPath);
+  void refreshDriveMap();
+  void loadSettings();
+  DWORD loadSetting(const char* name, DWORD def);
 
   std::unique_ptr<CRegistryStore> store_;
   std::unique_ptr<CRegistryKey> settingsKey_;

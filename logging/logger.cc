@@ -63,8 +63,12 @@ LogPriority parsePriority(const std::string& text) {
   size_t plus = text.find('+');
   if (plus != std::string::npos) {
     name = text.substr(0, plus);
-    offset = std::atoi(text.c_str() + plus + 1);
-    if (offset >= 100) offset = 99;
+    // Read like atoi (leading digits only, none gives 0), but without its
+    // undefined behaviour on values that do not fit an int.
+    long value = std::strtol(text.c_str() + plus + 1, nullptr, 10);
+    if (value >= 100) value = 99;
+    if (value < -100000) value = -100000;
+    offset = static_cast<int>(value);
   }
   for (const Band& b : kBands) {
     std::string kw = b.keyword;

@@ -14,6 +14,7 @@
 #define GLIDEWELL_PLATFORM_ENV_H_
 
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <string>
 
@@ -40,7 +41,8 @@ class File {
 enum class FileOpen {
   kReadExisting,   // read access, others may read, the file must exist
   kCreateAlways,   // write access, no sharing, replaces an existing file
-  kAppendOrCreate  // write access at the end, others may read, created when missing
+  kAppendOrCreate,  // write access at the end, others may read, created when missing
+  kCreateShareRead  // write access, others may read, replaces an existing file (log files)
 };
 
 // A held-open operating-system object (the client end of a pipe).
@@ -82,6 +84,9 @@ class Env {
   // Opens a file; on failure returns null with *error (when given) set to the
   // Win32 error number (2 not found, 3 path not found, 5 access denied...).
   virtual std::unique_ptr<File> openFile(const std::wstring& path, FileOpen how, DWORD* error) = 0;
+  // A buffered runtime stream (fopen-style mode such as "wb"); null on failure.
+  // The caller closes it with fclose.
+  virtual std::FILE* openStream(const std::wstring& path, const char* mode) = 0;
   // CreateDirectoryW: false when it fails, for example because it exists.
   virtual bool createDirectory(const std::wstring& path) = 0;
   virtual bool deleteFile(const std::wstring& path) = 0;

@@ -194,7 +194,8 @@ std::unique_ptr<File> PosixEnv::openFile(const std::wstring& path, FileOpen how,
   int flags = O_CLOEXEC;
   switch (how) {
     case FileOpen::kReadExisting: flags |= O_RDONLY; break;
-    case FileOpen::kCreateAlways: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
+    case FileOpen::kCreateAlways:
+    case FileOpen::kCreateShareRead: flags |= O_WRONLY | O_CREAT | O_TRUNC; break;
     case FileOpen::kAppendOrCreate: flags |= O_WRONLY | O_CREAT | O_APPEND; break;
   }
   int fd = ::open(p.c_str(), flags, 0644);
@@ -214,6 +215,12 @@ std::unique_ptr<File> PosixEnv::openFile(const std::wstring& path, FileOpen how,
     return nullptr;
   }
   return std::make_unique<PosixFile>(fd);
+}
+
+std::FILE* PosixEnv::openStream(const std::wstring& path, const char* mode) {
+  std::FILE* f = std::fopen(posixPath(path).c_str(), mode);
+  if (f == nullptr) SetLastError(win32Error(errno));
+  return f;
 }
 
 bool PosixEnv::createDirectory(const std::wstring& path) {

@@ -27,6 +27,7 @@ class PosixEnv : public Env {
   void sleep(uint32_t ms) override;
 
   std::unique_ptr<File> openFile(const std::wstring& path, FileOpen how, DWORD* error) override;
+  std::FILE* openStream(const std::wstring& path, const char* mode) override;
   bool createDirectory(const std::wstring& path) override;
   bool deleteFile(const std::wstring& path) override;
   std::wstring currentDirectory() override;

@@ -1,0 +1,115 @@
+// DfrgThread: the worker. It builds one CDfrgContext per enabled volume, runs
+// the driver of the requested mode over them, and keeps the pass counters, the
+// deferred files and the resume point that the drivers and movers share.
+//
+// run() and everything it calls execute on the worker thread; end() and
+// pause() are called from host threads (through the engine) and touch the
+// contexts only under `lock`.
+#ifndef GLIDEWELL_ENGINE_DFRG_THREAD_H_
+#define GLIDEWELL_ENGINE_DFRG_THREAD_H_
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/dfrg_context.h"
+#include "engine/engine.h"
+#include "platform/sync.h"
+#include "volume/dfrg_file.h"
+#include "volume/extent.h"
+
+namespace glidewell {
+
+class CDfrgConfig;
+
+// Per-volume state that the smart driver keeps beside each context.
+struct VolumeState {
+  virtual ~VolumeState() = default;
+};
+
+// At most this many files wait for a retry after a scan pass.
+constexpr size_t kMaxDeferredFiles = 1000;
+
+class DfrgThread {
+ public:
+  explicit DfrgThread(const std::string& registryKeyPath);
+  virtual ~DfrgThread();
+  DfrgThread(const DfrgThread&) = delete;
+  DfrgThread& operator=(const DfrgThread&) = delete;
+
+  // The worker's main routine. Never lets a CDfrgException escape.
+  void run(ThreadStartRecord& rec);
+  // Stops every context (and any built later); with wait, blocks until the
+  // worker has finished.
+  void end(bool wait);
+  void pause(bool pause);
+
+  // --- Pass statistics and deferred files ---
+  void resetPassStatistics();
+  void deferFile(const std::wstring& path);
+  void logPassStatistics(const char* message, const std::wstring& volume, CDfrgContext& ctx);
+
+  // --- Drivers ---
+  void runPasses();
+  void defragSmart();
+
+  // --- Walk and per-file processing ---
+  bool walkDirectory(CDfrgContext& ctx, const std::wstring& dir, const std::wstring& resumePath,
+                     bool skipResumeEntry, bool reverse, bool noClimb, int* fileCount);
+  bool processFile(CDfrgContext& ctx, const std::wstring& path, int* result, bool isDirectory);
+
+  // --- Movers ---
+  bool defragFile(CDfrgContext& ctx, CDfrgFile& file, ExtentList& extents, bool& defragged);
+  bool moveToLeftBorder(CDfrgContext& ctx, CDfrgFile& file, ExtentList& extents, bool& moved);
+  bool moveToBetterPlace(CDfrgContext& ctx, CDfrgFile& file, ExtentList& extents, bool& moved);
+
+  Event& stoppedEvent() { return stoppedEvent_; }
+  Event& initDoneEvent() { return initDoneEvent_; }
+  CDfrgConfig* config() const { return config_; }
+  void setConfig(CDfrgConfig* config) { config_ = config; }
+  const std::string& registryKeyPath() const { return registryKeyPath_; }
+  // For tests and the smart driver: the contexts of the current run.
+  size_t contextCount();
+
+  // Pass counters ("Processed", "Defragged", ...), signed 64-bit.
+  int64_t processedCount = 0;
+  int64_t defraggedCount = 0;
+  int64_t movedCount = 0;
+  int64_t errorCount = 0;
+  int64_t nonDefraggableCount = 0;
+  int64_t spaceOnlyCount = 0;
+  std::vector<std::wstring> deferred;
+  bool deferredOverflow = false;
+
+  std::wstring resumePath;
+  std::wstring currentFile;
+  bool scanInProgress = false;
+  bool reactInProgress = false;
+
+ private:
+  // Builds the contexts of the enabled volumes (or writes the dump).
+  void buildContexts();
+  void deleteContexts();
+  void dispatch(DefragMode mode);
+
+  engine* engine_ = nullptr;
+  CDfrgConfig* config_ = nullptr;
+  std::vector<std::unique_ptr<CDfrgContext>> contexts_;
+  std::vector<std::unique_ptr<VolumeState>> volumeStates_;
+  Event stoppedEvent_{true, false};
+  Event initDoneEvent_{true, false};
+  // Set by end(): remembered for contexts built after the stop request (a
+  // retry that is rebuilding its contexts), and wakes the pause between retries.
+  Event stopRequested_{true, false};
+  RecursiveLock lock;
+  std::string registryKeyPath_;
+  std::atomic<bool> started_{false};
+
+  friend class DfrgThreadTestPeer;
+};
+
+}  // namespace glidewell
+
+#endif  // GLIDEWELL_ENGINE_DFRG_THREAD_H_
