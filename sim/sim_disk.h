@@ -108,7 +108,9 @@ class SimDisk {
 
   // --- User activity (notifies watchers) ---
   // 3: missing parent; 80: name exists; 123: invalid name; 112: disk full.
-  DWORD createDirectory(const std::wstring& path);
+  // attributes may add hidden, system, compressed and reparse point (a
+  // junction: listed, never entered by the engine).
+  DWORD createDirectory(const std::wstring& path, DWORD attributes = 0);
   // A file of the given size, allocated like NTFS. attributes may add
   // compressed, sparse, encrypted, reparse point, read-only, hidden, system.
   DWORD createFile(const std::wstring& path, uint64_t bytes, DWORD attributes = 0);

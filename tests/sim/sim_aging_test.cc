@@ -10,6 +10,7 @@
 
 #include "platform/text.h"
 #include "support/sim_support.h"
+#include "support/temp_dir.h"
 
 namespace glidewell {
 namespace {
@@ -82,9 +83,8 @@ TEST(SimAgingTest, LargeVolumesCapTheFileCountAndGrowTheFilesInstead) {
 }
 
 TEST(SimAgingTest, ARealDirectoryGivesTheTreeAndTheFileSizes) {
-  simtest::TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
-  std::string base = dir.path();
+  TempDir dir;
+  std::string base = dir.native();
   ASSERT_EQ(::mkdir((base + "/photos").c_str(), 0700), 0);
   ASSERT_EQ(::mkdir((base + "/photos/2023").c_str(), 0700), 0);
   std::ofstream(base + "/photos/2023/beach.jpg") << std::string(300000, 'x');

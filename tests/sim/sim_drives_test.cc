@@ -14,6 +14,7 @@
 #include "sim/sim_drives.h"
 #include "sim/sim_image.h"
 #include "support/sim_support.h"
+#include "support/temp_dir.h"
 
 namespace glidewell {
 namespace {
@@ -31,8 +32,8 @@ ino_t inodeOf(const std::string& path) {
 class SimDrivesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(::mkdir((dir.path() + "/volumes").c_str(), 0700), 0);
-    env.setInstallDirectory(widen(dir.path()) + L"/");
+    ASSERT_EQ(::mkdir((dir.file("volumes")).c_str(), 0700), 0);
+    env.setInstallDirectory(dir.path());
   }
 
   // Writes a small disk with one file as the image of letter.
@@ -61,7 +62,7 @@ class SimDrivesTest : public ::testing::Test {
     EXPECT_EQ(SimDrives::instance().openHandles(letter), 0);
   }
 
-  simtest::TempDir dir;
+  TempDir dir;
   PosixEnv env;
 };
 

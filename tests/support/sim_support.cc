@@ -1,9 +1,5 @@
 #include "support/sim_support.h"
 
-#include <stdlib.h>
-
-#include <filesystem>
-
 #include "sim/sim_drives.h"
 #include "volume/dfrg_file.h"
 
@@ -36,17 +32,6 @@ PluggedDrive::PluggedDrive(wchar_t letter, std::shared_ptr<SimDisk> disk) : lett
 }
 
 PluggedDrive::~PluggedDrive() { SimDrives::instance().unplug(letter_); }
-
-TempDir::TempDir() {
-  std::string pattern = (std::filesystem::temp_directory_path() / "glidewell-sim-XXXXXX").string();
-  char* made = ::mkdtemp(pattern.data());
-  path_ = made != nullptr ? made : "";
-}
-
-TempDir::~TempDir() {
-  std::error_code ignored;
-  if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
-}
 
 }  // namespace simtest
 }  // namespace glidewell

@@ -36,20 +36,6 @@ class PluggedDrive {
   wchar_t letter_;
 };
 
-// A fresh directory below the system's temporary directory, removed with
-// everything in it at the end of the scope.
-class TempDir {
- public:
-  TempDir();
-  ~TempDir();
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
 }  // namespace simtest
 }  // namespace glidewell
 
