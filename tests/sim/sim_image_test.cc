@@ -214,6 +214,8 @@ TEST(SimImageTest, ImagesThatCannotBeAVolumeAreRefusedWithAClearError) {
   EXPECT_NE(refusal(DumpBuilder().header(64, 3000, bitmap).entries(0).bytes()).find("cluster"), std::string::npos);
   // A name no NTFS directory can hold.
   refusal(DumpBuilder().header(64, 4096, bitmap).entries(1).entry(u"a*b", false, {}).bytes());
+  // Clusters past the end of the volume.
+  refusal(DumpBuilder().header(64, 4096, bitmap).entries(1).entry(u"f", false, {{60, 70}}).bytes());
   // Two extents of two files on the same clusters.
   refusal(DumpBuilder().header(64, 4096, bitmap).entries(2).entry(u"f", false, {{0, 3}}).entry(u"g", false, {{3, 3}}).bytes());
   // Counts far beyond the image's size are refused before anything is allocated.
