@@ -21,16 +21,22 @@ namespace glidewell {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::milliseconds(50);
-// dfrg_stopDefrag returns once the worker has stopped; it signals the done
-// event just after. Far longer than that means the engine is stuck.
-constexpr double kStopGraceSeconds = 30;
 
 volatile std::sig_atomic_t interruptRequested = 0;
 
-void onInterrupt(int) { interruptRequested = 1; }
+void onInterrupt(int signal) {
+  if (interruptRequested) {
+    // Asked twice: the user does not want to wait for the engine.
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+    return;
+  }
+  interruptRequested = 1;
+}
 
-// Ctrl-C and SIGTERM ask the run to stop (so the drive images are written
-// back whole) instead of ending the process in the middle of a move.
+// The first Ctrl-C or SIGTERM asks the run to stop (so the drive images are
+// written back whole) instead of ending the process in the middle of a move;
+// a second one ends the process.
 class InterruptGuard {
  public:
   InterruptGuard() {
@@ -102,7 +108,7 @@ std::string EngineRunResult::describe() const {
     case RunEnd::kCompleted:
       return "the pass ended";
     case RunEnd::kStopped:
-      return fmt::format("stopped after {:.1f} s", seconds);
+      return fmt::format("stopped on request after {:.1f} s", stopRequestedAt);
     case RunEnd::kInterrupted:
       return "interrupted";
     case RunEnd::kFailed:
@@ -124,7 +130,7 @@ EngineRunResult runEngineOnce(const EngineRunSettings& settings) {
 
   EngineRunResult result;
   std::optional<RunEnd> stopReason;
-  Clock::time_point start = Clock::now(), stopAt;
+  Clock::time_point start = Clock::now();
   auto elapsed = [&] { return std::chrono::duration<double>(Clock::now() - start).count(); };
   auto nowMs = [&] {
     return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
@@ -134,10 +140,21 @@ EngineRunResult runEngineOnce(const EngineRunSettings& settings) {
     throw HostError(fmt::format("the engine refused to start: error {} ({})", code, errorName(code)));
   }
   std::string lastFile;
+  // dfrg_stopDefrag returns only when the worker has ended, which may take a
+  // while (it closes its volumes); it runs on its own thread so the display
+  // goes on meanwhile.
+  std::thread stopper;
+  struct Joiner {
+    std::thread& thread;
+    ~Joiner() {
+      if (thread.joinable()) thread.join();
+    }
+  } joiner{stopper};
   while (dfrg_isRunning(session.handle()) != 0) {
     result.processed = readProcessed(*registry, &lastFile);
     if (settings.progress != nullptr) {
-      settings.progress->update(nowMs(), result.processed, settings.totalEntries, lastFile);
+      settings.progress->update(nowMs(), result.processed, settings.totalEntries,
+                                stopReason ? "stopping..." : lastFile);
     }
     if (!stopReason) {
       int code = dfrg_getLastErrorCode();
@@ -153,25 +170,33 @@ EngineRunResult runEngineOnce(const EngineRunSettings& settings) {
         stopReason = RunEnd::kStopped;
       }
       if (stopReason) {
-        dfrg_stopDefrag(session.handle());
-        stopAt = Clock::now();
+        result.stopRequestedAt = elapsed();
+        DfrgHandle handle = session.handle();
+        stopper = std::thread([handle] { dfrg_stopDefrag(handle); });
       }
-    } else if (std::chrono::duration<double>(Clock::now() - stopAt).count() > kStopGraceSeconds) {
-      throw HostError("the engine did not end its run after it was stopped");
     }
     std::this_thread::sleep_for(kPollInterval);
   }
   uint64_t endMs = nowMs();
   result.seconds = static_cast<double>(endMs) / 1000.0;
+  if (stopper.joinable()) {
+    // The worker has signalled its end; the stop call may still be closing
+    // the volumes it left open.
+    if (settings.progress != nullptr) settings.progress->note("waiting for the engine to stop...");
+    stopper.join();
+  }
   // The worker has ended: its last error is settled and safe to read.
   result.errorCode = dfrg_getLastErrorCode();
   result.errorMessage = dfrg_getLastErrorMessage();
   uint64_t processed = readProcessed(*registry, &lastFile);
   result.processed = std::max(result.processed, processed);
-  if (stopReason) {
+  if (result.errorCode == 0) {
+    // A pass that ended before a stop took effect is a complete pass.
+    result.end = stopReason == RunEnd::kInterrupted ? RunEnd::kInterrupted : RunEnd::kCompleted;
+  } else if (stopReason && (result.errorCode == ErrorStopRequested || *stopReason == RunEnd::kFailed)) {
     result.end = *stopReason;
   } else {
-    result.end = result.errorCode == 0 ? RunEnd::kCompleted : RunEnd::kFailed;
+    result.end = RunEnd::kFailed;
   }
   if (settings.progress != nullptr) {
     // The engine writes its counters at most once a second; a pass that

@@ -31,7 +31,8 @@ struct EngineRunResult {
   int32_t errorCode = 0;          // dfrg_getLastErrorCode() at the end
   std::string errorMessage;       // dfrg_getLastErrorMessage() at the end
   int32_t firstError = 0;         // a code the engine reported while it ran (then it was stopped)
-  double seconds = 0;
+  double seconds = 0;             // from the start until the worker had ended
+  double stopRequestedAt = 0;     // when the host asked the engine to stop, if it did
   uint64_t processed = 0;         // "Processed Files" as last read
 
   // One line on how the run ended.
