@@ -25,6 +25,7 @@ struct AgingChoice {
 struct DemoOptions {
   std::string dir;  // "" for a fresh temporary directory
   AgingChoice aging;
+  std::string program = "glidewell";  // how the user called us, for the hints printed
 };
 int demoCommand(const DemoOptions& options);
 

@@ -73,7 +73,7 @@ int demoCommand(const DemoOptions& o) {
     fmt::print("\ncluster maps:  {}\n               {}\n", maps[0], maps[1]);
   }
   fmt::print("engine log:    {}glidewell.log\n", dir);
-  fmt::print("statistics:    glidewell stats --dir {}\n", dir);
+  fmt::print("statistics:    {} stats --dir {}\n", o.program, dir);
   return pass.succeeded() ? 0 : 1;
 }
 

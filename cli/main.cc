@@ -46,6 +46,7 @@ int main(int argc, char** argv) {
   });
 
   DemoOptions demo;
+  if (argc > 0 && argv[0] != nullptr) demo.program = argv[0];
   demo.aging.seed = 7;
   demo.aging.clusters = 1 << 16;
   CLI::App* demoCmd = app.add_subcommand(
