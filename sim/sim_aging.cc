@@ -63,7 +63,7 @@ class Ager {
 
  private:
   uint64_t sampleSize();
-  DWORD sampleAttributes(uint64_t size);
+  DWORD sampleAttributes();
   std::wstring newFileName(uint64_t size);
   bool addFile(const std::wstring& dir, uint64_t size, DWORD attributes);
   void removeFileAt(size_t index);
@@ -103,14 +103,14 @@ uint64_t Ager::sampleSize() {
   return static_cast<uint64_t>(std::min(bytes, cap));
 }
 
-DWORD Ager::sampleAttributes(uint64_t size) {
+DWORD Ager::sampleAttributes() {
   double roll = rng_.unit();
   if (roll < o_.compressedShare) return FILE_ATTRIBUTE_COMPRESSED | FILE_ATTRIBUTE_ARCHIVE;
   roll -= o_.compressedShare;
   if (roll < o_.sparseShare) return FILE_ATTRIBUTE_SPARSE_FILE | FILE_ATTRIBUTE_ARCHIVE;
   roll -= o_.sparseShare;
   if (roll < 0.005) return FILE_ATTRIBUTE_ENCRYPTED | FILE_ATTRIBUTE_ARCHIVE;
-  if (roll < 0.007 && size == 0) return FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_ARCHIVE;
+  if (roll < 0.007) return FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_ARCHIVE;  // a symbolic link
   return FILE_ATTRIBUTE_ARCHIVE;
 }
 
@@ -121,6 +121,7 @@ std::wstring Ager::newFileName(uint64_t size) {
 }
 
 bool Ager::addFile(const std::wstring& dir, uint64_t size, DWORD attributes) {
+  if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) size = 0;  // links hold no data of their own
   for (int attempt = 0; attempt < 4; ++attempt) {
     std::wstring path = (dir.empty() ? L"" : dir + L"\\") + newFileName(size);
     DWORD error = disk_.createFile(path, size, attributes);
@@ -146,6 +147,10 @@ void Ager::makeDirectories(uint64_t count) {
     std::wstring name = pick(rng_, kDirWords);
     if (rng_.chance(0.5)) name += L" " + std::to_wstring(rng_.below(1000));
     std::wstring path = dirs_[parent].empty() ? name : dirs_[parent] + L"\\" + name;
+    if (i % 40 == 0) {
+      // A junction: listed, but the engine neither enters nor moves it.
+      disk_.createDirectory(path + L" (link)", FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_HIDDEN);
+    }
     if (disk_.createDirectory(path) == ERROR_SUCCESS) {
       dirs_.push_back(path);
       depth_.push_back(depth_[parent] + 1);
@@ -171,7 +176,8 @@ bool Ager::copyRealTree(std::string* error) {
       continue;
     }
     uint64_t size = static_cast<uint64_t>(static_cast<double>(e.size) * scale);
-    if (disk_.createFile(e.path, size, sampleAttributes(size)) == ERROR_SUCCESS) files_.push_back(e.path);
+    DWORD attributes = sampleAttributes() & ~FILE_ATTRIBUTE_REPARSE_POINT;
+    if (disk_.createFile(e.path, size, attributes) == ERROR_SUCCESS) files_.push_back(e.path);
   }
   return true;
 }
@@ -179,13 +185,15 @@ bool Ager::copyRealTree(std::string* error) {
 void Ager::fillTo(uint64_t targetUsed) {
   int failures = 0;
   while (used() < targetUsed && failures < 64 && files_.size() < o_.maxFiles) {
-    // Recent directories get more files, as they do on real disks.
-    size_t dir = rng_.chance(0.3) ? dirs_.size() - 1 - static_cast<size_t>(rng_.below(std::min<size_t>(dirs_.size(), 8)))
+    // The newest directories (the last one in a hundred) get more files, as
+    // they do on real disks.
+    size_t recent = std::max<size_t>(8, dirs_.size() / 100);
+    size_t dir = rng_.chance(0.3) ? dirs_.size() - 1 - static_cast<size_t>(rng_.below(std::min(dirs_.size(), recent)))
                                   : static_cast<size_t>(rng_.below(dirs_.size()));
     uint64_t size = sampleSize();
     uint64_t left = (targetUsed - used()) * o_.bytesPerCluster;
     if (size > left) size = left;
-    failures = addFile(dirs_[dir], size, sampleAttributes(size)) ? 0 : failures + 1;
+    failures = addFile(dirs_[dir], size, sampleAttributes()) ? 0 : failures + 1;
   }
 }
 

@@ -16,27 +16,30 @@ void SimAllocator::setReservedZone(uint64_t start, uint64_t end) {
   zoneEnd_ = std::min(std::max(end, zoneStart_), bitmap_.size());
 }
 
-void SimAllocator::forEachFreeRun(bool allowZone, const std::function<bool(uint64_t, uint64_t)>& fn) const {
+void SimAllocator::forEachFreeRun(bool allowZone, uint64_t need,
+                                  const std::function<bool(uint64_t, uint64_t)>& fn) const {
   const uint64_t size = bitmap_.size();
   const uint64_t origin = pointer_ < size ? pointer_ : 0;
+  const bool zone = !allowZone && zoneEnd_ > zoneStart_;
   uint64_t cur = origin;
   bool wrapped = false;
   for (;;) {
     uint64_t limit = wrapped ? origin : size;
-    uint64_t s = bitmap_.nextFree(cur);
+    uint64_t s = cur < limit ? bitmap_.nextFree(cur) : limit;
     if (s >= limit) {
       if (wrapped || origin == 0) return;
       wrapped = true;
       cur = 0;
       continue;
     }
-    uint64_t e = std::min(bitmap_.nextUsed(s), limit);
-    cur = e;
-    if (!allowZone && zoneEnd_ > zoneStart_ && s < zoneEnd_ && e > zoneStart_) {
-      if (s < zoneStart_ && !fn(s, zoneStart_)) return;
-      if (e > zoneEnd_ && !fn(zoneEnd_, e)) return;
+    if (zone && s >= zoneStart_ && s < zoneEnd_) {
+      cur = zoneEnd_;
       continue;
     }
+    uint64_t stop = std::min(limit, s + need);
+    if (zone && s < zoneStart_) stop = std::min(stop, zoneStart_);
+    uint64_t e = bitmap_.nextUsed(s, stop);
+    cur = e;
     if (!fn(s, e)) return;
   }
 }
@@ -56,14 +59,14 @@ bool SimAllocator::allocate(uint64_t count, uint64_t hint, std::vector<SimPiece>
   if (bitmap_.freeCount() < count) return false;
   uint64_t remaining = count;
   if (hint < bitmap_.size() && !bitmap_.test(hint)) {
-    uint64_t end = std::min(bitmap_.nextUsed(hint), hint + remaining);
+    uint64_t end = bitmap_.nextUsed(hint, hint + remaining);
     take(hint, end - hint, pieces);
     remaining -= end - hint;
   }
   if (remaining > 0) {
     int looked = 0;
     uint64_t fit = ~uint64_t{0};
-    forEachFreeRun(false, [&](uint64_t s, uint64_t e) {
+    forEachFreeRun(false, remaining, [&](uint64_t s, uint64_t e) {
       if (e - s >= remaining) fit = s;
       return fit == ~uint64_t{0} && ++looked < kFitSearchRuns;
     });
@@ -77,7 +80,7 @@ bool SimAllocator::allocate(uint64_t count, uint64_t hint, std::vector<SimPiece>
     // take() moves the pointer, so collect the runs first.
     std::vector<SimPiece> runs;
     uint64_t found = 0;
-    forEachFreeRun(allowZone, [&](uint64_t s, uint64_t e) {
+    forEachFreeRun(allowZone, remaining, [&](uint64_t s, uint64_t e) {
       uint64_t n = std::min(e - s, remaining - found);
       runs.push_back({s, n});
       found += n;

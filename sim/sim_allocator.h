@@ -47,8 +47,10 @@ class SimAllocator {
 
  private:
   // Calls fn(start, end) for the free runs from the pointer on, wrapping
-  // once, outside the reserved zone unless allowZone; stops when fn returns false.
-  void forEachFreeRun(bool allowZone, const std::function<bool(uint64_t, uint64_t)>& fn) const;
+  // once, outside the reserved zone unless allowZone; stops when fn returns
+  // false. A run is reported at most need clusters long, so that a huge free
+  // region is never scanned to its end.
+  void forEachFreeRun(bool allowZone, uint64_t need, const std::function<bool(uint64_t, uint64_t)>& fn) const;
   void take(uint64_t lcn, uint64_t length, std::vector<SimPiece>* pieces);
 
   SimBitmap& bitmap_;

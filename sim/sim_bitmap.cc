@@ -68,15 +68,17 @@ uint64_t SimBitmap::nextFree(uint64_t from) const {
   return lcn < clusters_ ? lcn : clusters_;
 }
 
-uint64_t SimBitmap::nextUsed(uint64_t from) const {
-  if (from >= clusters_) return clusters_;
-  uint64_t w = from >> 6;
+uint64_t SimBitmap::nextUsed(uint64_t from, uint64_t limit) const {
+  if (limit > clusters_) limit = clusters_;
+  if (from >= limit) return limit;
+  uint64_t w = from >> 6, lastWord = (limit - 1) >> 6;
   uint64_t bits = words_[w] & (~uint64_t{0} << (from & 63));
   while (bits == 0) {
-    if (++w >= words_.size()) return clusters_;
+    if (++w > lastWord) return limit;
     bits = words_[w];
   }
-  return (w << 6) + lowestBit(bits);
+  uint64_t lcn = (w << 6) + lowestBit(bits);
+  return lcn < limit ? lcn : limit;
 }
 
 void SimBitmap::copyBytes(uint64_t firstByte, uint8_t* out, size_t n) const {

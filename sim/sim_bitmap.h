@@ -31,7 +31,9 @@ class SimBitmap {
   bool allUsed(uint64_t start, uint64_t count) const;
   // The first free / used cluster at or after from; size() when there is none.
   uint64_t nextFree(uint64_t from) const;
-  uint64_t nextUsed(uint64_t from) const;
+  uint64_t nextUsed(uint64_t from) const { return nextUsed(from, clusters_); }
+  // The first used cluster in [from, limit); limit when there is none.
+  uint64_t nextUsed(uint64_t from, uint64_t limit) const;
 
   // Copies n bitmap bytes starting at byte firstByte (byte j holds clusters
   // 8j..8j+7, the lowest cluster in the lowest bit). Bytes past the end are 0.

@@ -183,14 +183,17 @@ std::shared_ptr<SimNode> SimDisk::makeNode(const std::u16string& name, DWORD att
   return node;
 }
 
-DWORD SimDisk::createDirectory(const std::wstring& path) {
+DWORD SimDisk::createDirectory(const std::wstring& path, DWORD attributes) {
   return changeUnderLock(mutex_, notifier_, [&]() -> DWORD {
     Resolved r;
     DWORD error = resolve(path, &r);
     if (error != ERROR_SUCCESS) return error;
     if (r.parent == nullptr) return ERROR_ACCESS_DENIED;  // the root
     if (r.node != nullptr) return ERROR_FILE_EXISTS;
-    auto node = makeNode(r.leaf, FILE_ATTRIBUTE_DIRECTORY);
+    const DWORD allowed = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_COMPRESSED |
+                          FILE_ATTRIBUTE_REPARSE_POINT;
+    if ((attributes & ~allowed) != 0) return ERROR_INVALID_PARAMETER;
+    auto node = makeNode(r.leaf, FILE_ATTRIBUTE_DIRECTORY | attributes);
     SimNode* raw = node.get();
     r.parent->addChild(std::move(node));
     ++generation_;

@@ -108,7 +108,9 @@ class SimDisk {
 
   // --- User activity (notifies watchers) ---
   // 3: missing parent; 80: name exists; 123: invalid name; 112: disk full.
-  DWORD createDirectory(const std::wstring& path);
+  // attributes may add hidden, system, compressed and reparse point (a
+  // junction: listed, never entered by the engine).
+  DWORD createDirectory(const std::wstring& path, DWORD attributes = 0);
   // A file of the given size, allocated like NTFS. attributes may add
   // compressed, sparse, encrypted, reparse point, read-only, hidden, system.
   DWORD createFile(const std::wstring& path, uint64_t bytes, DWORD attributes = 0);
@@ -196,8 +198,10 @@ class SimDisk {
   uint64_t storedForUnit(const SimNode& node, uint64_t unit, uint64_t unitLength) const;
   void layoutUnits(SimNode& node, uint64_t fromVcn, uint64_t toVcn, const std::vector<SimPiece>& pieces);
   std::shared_ptr<SimNode> makeNode(const std::u16string& name, DWORD attributes);
-  DWORD checkMove(const SimNode& node, bool mayReadData, int64_t vcn, int64_t lcn, uint32_t count,
-                  uint64_t* end) ;
+  // Counts the move against the injected faults and checks what does not
+  // depend on the target; *end receives the VCN after the range moved.
+  DWORD checkMove(const SimNode& node, bool mayReadData, int64_t vcn, int64_t lcn, uint32_t count, uint64_t* end);
+  // "" or the first problem of one file or directory; marks its clusters in seen.
   std::string verifyNode(const SimNode& node, SimBitmap& seen, const std::wstring& path) const;
 
   const uint64_t total_;

@@ -26,8 +26,10 @@ char16_t upcaseUnit(char16_t c) {
 int compareNames(const std::u16string& a, const std::u16string& b) {
   size_t n = a.size() < b.size() ? a.size() : b.size();
   for (size_t i = 0; i < n; ++i) {
-    char16_t x = upcaseUnit(a[i]);
-    char16_t y = upcaseUnit(b[i]);
+    char16_t x = a[i], y = b[i];
+    if (x == y) continue;  // most units of two names in one directory are equal
+    x = upcaseUnit(x);
+    y = upcaseUnit(y);
     if (x != y) return x < y ? -1 : 1;
   }
   if (a.size() == b.size()) return 0;

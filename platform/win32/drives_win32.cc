@@ -3,7 +3,6 @@
 
 #include "platform/win32/win32_env.h"
 #include "volume/win32/win_volume_system.h"
-#include "volume/volume_system.h"
 
 namespace glidewell {
 
@@ -20,6 +19,7 @@ bool Win32Env::volumeLabel(const std::wstring& rootPath, std::wstring* label) {
   return true;
 }
 
+// CWinVolumeSystem throws CDfrgException(-1) when the volume cannot be used.
 std::unique_ptr<CVolumeSystem> Win32Env::openVolume(wchar_t driveLetter) {
   return std::make_unique<CWinVolumeSystem>(driveLetter);
 }

@@ -126,6 +126,11 @@ std::unique_ptr<File> Win32Env::openFile(const std::wstring& path, FileOpen how,
       share = 0;
       disposition = CREATE_ALWAYS;
       break;
+    case FileOpen::kCreateShareRead:  // a log file: readable while it is written
+      access = GENERIC_WRITE;
+      share = FILE_SHARE_READ;
+      disposition = CREATE_ALWAYS;
+      break;
     case FileOpen::kAppendOrCreate:
       // Append access without write access makes every write land at the
       // current end of the file, as O_APPEND does; so two appenders of one

@@ -1,5 +1,7 @@
 // Narrow text is the ANSI code page on Windows; characters it cannot hold
 // become the code page's default character, as in every ANSI system call.
+// The conversion calls count in int: text of 2 GiB or more (which no path,
+// name or message reaches) converts to nothing rather than to a wrong length.
 #include <climits>
 
 #include "platform/text.h"

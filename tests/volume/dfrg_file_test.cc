@@ -10,6 +10,7 @@
 
 #include "engine/dfrg_context.h"
 #include "engine/dfrg_exception.h"
+#include "logging/log_test_util.h"
 #include "volume/bitmap_volume.h"
 
 namespace glidewell {
@@ -207,11 +208,25 @@ TEST_F(DfrgFileTest, BrokenRepliesAreRefused) {
   CDfrgFile file(*ctx, L"f", false);
   ExtentList ext;
 
-  // An entry after the first with NextVcn 0.
+  // An entry after the first with NextVcn 0, reported at Debug level.
   vol->retrievalOverride = [](const int64_t*, void* b, DWORD, DWORD* r) {
     return reply(b, r, 0, {{4, 100}, {0, 200}}, 0);
   };
+  LogManager::release();
+  LogManager* logs = LogManager::instance();
+  logs->setGenericFactory(LogObjectFactory{testing_log::createTestLogObject, destroyLogObject});
+  auto* out = dynamic_cast<testing_log::RecordingAppender*>(logs->createAppender("Recording"));
+  vol->fileSystemType = kFileSystemFat32;
   EXPECT_FALSE(file.getFileExtents(ext));
+  std::vector<testing_log::SeenEvent> seen = out->seen();
+  LogManager::release();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].message, "The File has a not first Zero VCN entry !");
+  EXPECT_EQ(seen[0].priority, kLogDebug);
+  EXPECT_NE(seen[0].path.find("getFileExtents"), std::string::npos) << seen[0].path;
+  ASSERT_EQ(seen[0].properties.size(), 1u);
+  EXPECT_EQ(seen[0].properties[0].name(), "FileSystem");
+  EXPECT_EQ(seen[0].properties[0].value(), "FAT 32");
 
   // A run that ends before it starts.
   vol->retrievalOverride = [](const int64_t*, void* b, DWORD, DWORD* r) {

@@ -226,6 +226,20 @@ TEST_F(EnvFileContract, CreateAlwaysReplacesTheFile) {
   EXPECT_EQ("hi", readAll(dir_ + L"a.bin"));
 }
 
+TEST_F(EnvFileContract, ALogFileIsReplacedAndReadableWhileOpen) {
+  std::wstring path = dir_ + L"log.txt";
+  {
+    auto old = env().openFile(path, FileOpen::kCreateShareRead, nullptr);
+    ASSERT_NE(nullptr, old);
+    ASSERT_TRUE(writeAll(*old, "the previous run"));
+  }
+  auto log = env().openFile(path, FileOpen::kCreateShareRead, nullptr);
+  ASSERT_NE(nullptr, log);
+  ASSERT_TRUE(writeAll(*log, "Log started\r\n"));
+  EXPECT_TRUE(log->flush());
+  EXPECT_EQ("Log started\r\n", readAll(path));
+}
+
 TEST_F(EnvFileContract, AppendWritesLandAtTheEndEvenWithTwoWriters) {
   std::wstring path = dir_ + L"log.txt";
   auto first = env().openFile(path, FileOpen::kAppendOrCreate, nullptr);

@@ -12,12 +12,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "crash_harness.h"
 #include "glidewell/dfrg.h"
 #include "wine_main.h"
 
@@ -281,6 +280,16 @@ TEST_F(ExportsTest, TheFirstKeyPathStaysAcrossASecondInitialise) {
   deleteKeyTree(mine);
 }
 
+TEST_F(ExportsTest, AnInstanceWhoseSettingsCannotBeOpenedIsNotCreated) {
+  // A key name longer than the registry allows: the settings key cannot be made.
+  const std::string path = "SOFTWARE\\" + std::string(300, 'x');
+  ASSERT_EQ(1, api_->initialize(installDir_.c_str(), path.c_str()));
+  EXPECT_EQ(nullptr, api_->createDefragInstance());
+  EXPECT_EQ(2, api_->getLastErrorCode()) << "ErrorFileNotFound: Couldn't load config from Registry";
+  EXPECT_STREQ("", api_->getLastErrorMessage()) << "a failed export stores the code only";
+  EXPECT_EQ(1, api_->deinitialize());
+}
+
 TEST_F(ExportsTest, AnInstanceHoldsThePausePipeUntilItIsDeleted) {
   PipeServer pipe = makePipeServer();
   ASSERT_NE(nullptr, pipe) << ::GetLastError();
@@ -308,91 +317,31 @@ TEST_F(ExportsTest, AnInstanceHoldsThePausePipeUntilItIsDeleted) {
   EXPECT_EQ(1, api_->deinitialize());
 }
 
-// --- The unhandled-exception report. A child copy of this program loads the
-// library, initialises it with a log file configured, and crashes; the
-// report must be in the log when the child is gone.
+// --- The unhandled-exception report: dfrg_initialize installs it, so a
+// fault anywhere in the host process ends up in the engine's log.
 
-const char kCrashChildVariable[] = "GLIDEWELL_CRASH_CHILD_DIR";
 const char kCrashKeyPath[] = "SOFTWARE\\quorvane\\GlidewellWineCrash";
 
-std::string readFile(const std::wstring& path) {
-  std::string text;
-  FILE* f = _wfopen(path.c_str(), L"rb");
-  if (f == nullptr) return "<cannot open the log>";
-  char buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof(buf), f)) > 0) text.append(buf, n);
-  std::fclose(f);
-  return text;
-}
-
 TEST_F(ExportsTest, ACrashIsReportedInTheLogAndEndsTheProcess) {
-  const std::wstring configDir = installDir_ + L"config";
-  const std::wstring logPath = installDir_ + L"crash.log";
-  ::CreateDirectoryW(configDir.c_str(), nullptr);
-  {
-    FILE* f = _wfopen((configDir + L"\\logconfig.xml").c_str(), L"wb");
-    ASSERT_NE(nullptr, f);
-    std::fprintf(f,
-                 "<logging>\n"
-                 "  <appender name=\"FileAppender\">\n"
-                 "    <settings><filename value=\"%ls\"/><multithreading value=\"true\"/></settings>\n"
-                 "    <layout name=\"SimpleLayout\"><settings><includeProperties value=\"true\"/></settings></layout>\n"
-                 "  </appender>\n"
-                 "</logging>\n",
-                 logPath.c_str());
-    std::fclose(f);
-  }
-  wchar_t self[MAX_PATH + 1];
-  ASSERT_NE(0u, ::GetModuleFileNameW(nullptr, self, MAX_PATH + 1));
   const auto& args = wineTestArguments();
-  std::wstring command = L"\"" + std::wstring(self) + L"\" \"" + (args.empty() ? L"" : windowsPath(args[0])) +
-                         L"\" --gtest_filter=CrashChild.* --gtest_catch_exceptions=0";
-  std::vector<wchar_t> line(command.begin(), command.end());
-  line.push_back(0);
-  ::SetEnvironmentVariableA(kCrashChildVariable, std::string(installDir_.begin(), installDir_.end()).c_str());
-  STARTUPINFOW si{};
-  si.cb = sizeof(si);
-  PROCESS_INFORMATION pi{};
-  BOOL started = ::CreateProcessW(self, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi);
-  ::SetEnvironmentVariableA(kCrashChildVariable, nullptr);
-  ASSERT_TRUE(started) << ::GetLastError();
-  DWORD waited = ::WaitForSingleObject(pi.hProcess, 30000);
-  DWORD exitCode = 0;
-  ::GetExitCodeProcess(pi.hProcess, &exitCode);
-  if (waited != WAIT_OBJECT_0) ::TerminateProcess(pi.hProcess, 1);
-  ::CloseHandle(pi.hThread);
-  ::CloseHandle(pi.hProcess);
-  deleteKeyTree(std::wstring(kCrashKeyPath, kCrashKeyPath + std::strlen(kCrashKeyPath)));
-  ASSERT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), waited) << "the crashed child did not end";
+  std::wstring dll = args.empty() ? L"glidewell.dll" : windowsPath(args[0]);
+  CrashOutcome outcome = runCrashingChild(installDir_, L"\"" + dll + L"\" --gtest_filter=CrashChild.*");
+  deleteKeyTree(L"SOFTWARE\\quorvane\\GlidewellWineCrash");
+  ASSERT_TRUE(outcome.ended) << "the crashed child did not end";
   // The filter lets the process end with the exception's code, without a dialog.
-  EXPECT_EQ(0xC0000005u, exitCode);
-
-  std::string log = readFile(logPath);
-  ::DeleteFileW(logPath.c_str());
-  ::DeleteFileW((configDir + L"\\logconfig.xml").c_str());
-  ::RemoveDirectoryW(configDir.c_str());
-  std::string missing;
-  for (const char* expected : {"main: -> Log started", "Version: 1.06m", "Unhandled Exception Occured",
-                               "An unhandled Exception occured", "Code: 0xc0000005",
-                               "ExceptionType: EXCEPTION_ACCESS_VIOLATION", "ExceptionFlag: Continuable",
-                               "Action: Write", "Address: 0x00000010"}) {
-    if (log.find(expected) == std::string::npos) missing += std::string(" \"") + expected + "\"";
-  }
-  EXPECT_EQ("", missing) << "missing from the log:\n" << log;
+  EXPECT_EQ(0xC0000005u, outcome.exitCode);
+  EXPECT_EQ("", missingReportLines(outcome.log)) << "missing from the log:\n" << outcome.log;
 }
 
 // The child's part of the test above; skipped in a normal run.
 TEST(CrashChild, InitialiseAndCrash) {
-  const char* dir = std::getenv(kCrashChildVariable);
-  if (dir == nullptr) GTEST_SKIP() << "runs only as the crashing child";
+  std::wstring dir = crashChildDirectory();
+  if (dir.empty()) GTEST_SKIP() << "runs only as the crashing child";
   const Exports* api = exports();
   ASSERT_NE(nullptr, api);
-  std::wstring installDir(dir, dir + std::strlen(dir));
-  ASSERT_EQ(1, api->initialize(installDir.c_str(), kCrashKeyPath));
+  ASSERT_EQ(1, api->initialize(dir.c_str(), kCrashKeyPath));
   std::fflush(stdout);
-  volatile uintptr_t address = 0x10;
-  *reinterpret_cast<volatile int*>(address) = 1;  // an access violation writing 0x10
+  writeToAddress0x10();
   ADD_FAILURE() << "still alive after the access violation";
 }
 
