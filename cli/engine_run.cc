@@ -94,8 +94,8 @@ class EngineSession {
 uint64_t readProcessed(HostRegistry& registry, std::string* lastFile) {
   std::string key = HostRegistry::userKey("statistics");
   uint64_t processed = 0;
-  if (auto v = registry.get(key, L"Processed Files"); v && v->type == REG_QWORD) {
-    processed = std::stoull(formatValue(*v));
+  if (auto v = registry.get(key, L"Processed Files"); v && v->type == REG_QWORD && v->data.size() == 8) {
+    for (int i = 7; i >= 0; --i) processed = (processed << 8) | v->data[i];
   }
   if (auto v = registry.get(key, L"Last File"); v && v->type == REG_SZ) *lastFile = formatValue(*v);
   return processed;
