@@ -29,6 +29,10 @@ struct VolumeState {
   virtual ~VolumeState() = default;
 };
 
+// A volume's persistent mode in the smart driver. Other stored values leave
+// the volume alone. Panic passes are scan mode with a panic pass number >= 0.
+enum VolumeMode : int32_t { kVolumeModeScan = 0, kVolumeModeReact = 1 };
+
 // At most this many files wait for a retry after a scan pass.
 constexpr size_t kMaxDeferredFiles = 1000;
 
@@ -50,6 +54,22 @@ class DfrgThread {
   void resetPassStatistics();
   void deferFile(const std::wstring& path);
   void logPassStatistics(const char* message, const std::wstring& volume, CDfrgContext& ctx);
+
+  // --- Resume info (state directory) and volume modes (registry) ---
+  // Neither reports errors: a file that cannot be written is not saved; one
+  // that cannot be read or is invalid resets the pass state.
+  bool saveResumeInfo();
+  bool loadResumeInfo();
+  std::wstring resumeInfoPath() const;
+  // The stored mode (scan when none); *ageDays = days since it was set, 0 when
+  // unknown.
+  int32_t getVolumeMode(CDfrgContext& ctx, double* ageDays);
+  // Stores mode and the time, then updates the engine status; returns mode.
+  int32_t setVolumeMode(CDfrgContext& ctx, int32_t mode);
+  // Drops mode values of older versions (once per start of the smart driver).
+  void migrateVolumeModes();
+  // Keeps the statistics' engine status in step with the volume modes.
+  void updateEngineStatus();
 
   // --- Drivers ---
   void runPasses();
