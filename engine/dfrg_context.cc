@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "changes/manual_change_tracker.h"
+#include "config/dfrg_config.h"
 #include "engine/dfrg_exception.h"
 #include "logging/logger.h"
 #include "platform/env.h"
@@ -11,7 +13,13 @@ namespace glidewell {
 CDfrgContext::CDfrgContext(std::unique_ptr<CVolumeSystem> volume, int index, CDfrgConfig* config)
     : index(index), volume_(std::move(volume)), config_(config) {
   ScopedLock guard(lock);
-  // The change tracker of the volume is attached by the smart driver's set-up.
+  // Creating the tracker touches nothing on disk; only the smart driver starts it.
+  // (A context without a volume, as some tests build, has no tracker.)
+  if (volume_) {
+    wchar_t letter = volume_->getDriveLetter();
+    std::wstring stateDirectory = config != nullptr ? config->stateDirectory() : std::wstring();
+    changeTracker = std::make_unique<CManualChangeTracker>(letter, stateDirectory + L"changeTrack_" + letter);
+  }
 }
 
 CDfrgContext::~CDfrgContext() {
