@@ -109,6 +109,22 @@ class DfrgThread {
   bool reactInProgress = false;
 
  private:
+  friend class ReactStepScope;
+
+  // --- The smart driver's steps ---
+  // One iteration over one volume. Returns normally or by the exceptions the
+  // driver passes on (a stop, unexpected errors).
+  void smartIteration(int& lastIndex, bool& waitBeforeReact, const std::vector<std::wstring>& excluded);
+  // The resume volume, else a random one (not lastIndex when there is a choice).
+  CDfrgContext& chooseSmartVolume(int& lastIndex);
+  void retryDeferredFiles(CDfrgContext& ctx);
+  // The volume's mode after a scan pass: react when clean or after giving up.
+  int32_t judgeScanPass(CDfrgContext& ctx, const std::wstring& volume);
+  void reactStep(CDfrgContext& ctx, const std::wstring& volume, int32_t& mode, bool& dirty, bool& waitBeforeReact,
+                 const std::vector<std::wstring>& excluded);
+  // After an unexpected error: the volume starts again with a fresh scan.
+  void abandonVolume(CDfrgContext& ctx, const std::wstring& volume);
+
   // Builds the contexts of the enabled volumes (or writes the dump).
   void buildContexts();
   void deleteContexts();

@@ -58,10 +58,4 @@ void DfrgThread::runPasses() {
   }
 }
 
-void DfrgThread::defragSmart() {
-  // The continuous driver is not part of this build; the exports only ever
-  // start the pass loop. A stop code ends such a run instead of retrying it.
-  throw CDfrgException(ErrorStopRequested, "The smart defragmentation driver is not available");
-}
-
 }  // namespace glidewell
