@@ -248,5 +248,40 @@ TEST_F(SmartDriverTest, AVolumeLostDuringAPassIsLeftAloneForFiveMinutes) {
   ASSERT_TRUE(waitUntil([&] { return volumeMode(L'C') == 1; }));
 }
 
+TEST_F(SmartDriverTest, AVolumeThatStaysFragmentedEscalatesToPanicPassesThenGivesUp) {
+  env.useManualClock(1000);
+  // Plenty of free space, but in pieces of ten clusters: a file of twenty
+  // has nowhere to go.
+  SimGeometry g;
+  g.totalClusters = 32768;
+  auto disk = addDrive(L'C', std::make_shared<SimDisk>(g));
+  SimRun a, b;
+  a.lcn = 100;
+  a.length = 10;
+  b.vcn = 10;
+  b.lcn = 5000;
+  b.length = 10;
+  ASSERT_EQ(disk->placeFile(L"stuck", 0, 20 * 4096, {a, b}), 0u);
+  for (uint64_t lcn = 10; lcn < g.totalClusters; lcn += 20) {
+    for (uint64_t i = lcn; i < lcn + 10 && i < g.totalClusters; ++i) disk->reserveSystemClusters(i, 1);
+  }
+  start();
+  ASSERT_TRUE(waitUntil([&] { return volumeMode(L'C') == 1; }));
+  std::vector<std::string> passes, panics;
+  for (auto& e : recorder->seen()) {
+    if (e.message != "Finished Scan pass") continue;
+    for (auto& p : e.properties) {
+      if (p.name() == "Pass") passes.push_back(p.value());
+      if (p.name() == "PanicPass") panics.push_back(p.value());
+    }
+  }
+  // Three standard passes, then three panic passes, then it gives up.
+  EXPECT_EQ(passes, (std::vector<std::string>{"0", "1", "2", "3", "4", "5"}));
+  EXPECT_EQ(panics, (std::vector<std::string>{"-1", "-1", "-1", "0", "1", "2"}));
+  EXPECT_EQ(logged("Unable to defragment all files in standard mode. Activating panic mode", "C:"), 3u);
+  EXPECT_EQ(logged("Unable to defragment all files in panic mode. Giving up for now...", "C:"), 1u);
+  EXPECT_EQ(logged("Volume is clean. Switching to react mode"), 0u);
+}
+
 }  // namespace
 }  // namespace glidewell
