@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "config/dfrg_config.h"
+#include "config/dfrg_statistics.h"
 #include "config/registry_store.h"
 #include "engine/dfrg_thread.h"
 #include "platform/registry_backend.h"
@@ -245,6 +246,33 @@ TEST_F(ResumeInfoTest, MigrationDropsOldModeValuesButKeepsTimesAndOtherValues) {
   worker.setVolumeMode(ctx(0), kVolumeModeReact);
   worker.migrateVolumeModes();
   EXPECT_EQ(worker.getVolumeMode(ctx(0), nullptr), kVolumeModeReact);
+}
+
+TEST_F(ResumeInfoTest, EngineStatusIsFourOnlyWhileEveryVolumeIsCleanAndIdle) {
+  CDfrgStatistics::create(HKEY_CURRENT_USER, kKeyPath);
+  CDfrgStatistics* stats = CDfrgStatistics::instance();
+  ASSERT_NE(stats, nullptr);
+  withVolumes(L"CD");
+  stats->setStatus(3);
+  worker.setVolumeMode(ctx(0), kVolumeModeReact);
+  EXPECT_EQ(stats->getStatus(), 3);  // D: still scans
+  worker.setVolumeMode(ctx(1), kVolumeModeReact);
+  EXPECT_EQ(stats->getStatus(), 4);
+  // Changed files being processed leave the idle state; a paused volume makes it 1.
+  worker.reactInProgress = true;
+  worker.updateEngineStatus();
+  EXPECT_EQ(stats->getStatus(), 3);
+  worker.reactInProgress = false;
+  worker.updateEngineStatus();
+  EXPECT_EQ(stats->getStatus(), 4);
+  ctx(1).pause(true);
+  worker.setVolumeMode(ctx(1), kVolumeModeScan);
+  EXPECT_EQ(stats->getStatus(), 1);
+  // Other states are left alone.
+  stats->setStatus(2);
+  worker.setVolumeMode(ctx(1), kVolumeModeReact);
+  EXPECT_EQ(stats->getStatus(), 2);
+  CDfrgStatistics::destroy();
 }
 
 }  // namespace
