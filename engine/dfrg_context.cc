@@ -23,10 +23,13 @@ CDfrgContext::CDfrgContext(std::unique_ptr<CVolumeSystem> volume, int index, CDf
 }
 
 CDfrgContext::~CDfrgContext() {
+  // The tracker goes first and outside the context's lock: a react step takes
+  // the tracker's lock before the context's, so the two are never nested the
+  // other way round.
+  changeTracker.reset();
   ScopedLock guard(lock);
   Logger log("~CDfrgContext");
   log.log(kLogInformal) << "Begin";
-  changeTracker.reset();
   snapshot.reset();
   volume_.reset();
   log.log(kLogInformal) << "End";
