@@ -162,7 +162,16 @@ Logger::~Logger() {
   }
 }
 
+namespace {
+thread_local int muteDepth = 0;
+}
+
+ScopedLogMute::ScopedLogMute() { ++muteDepth; }
+ScopedLogMute::~ScopedLogMute() { --muteDepth; }
+bool ScopedLogMute::active() { return muteDepth > 0; }
+
 void Logger::write(LogPriority priority, const std::string& text, const LogPropertyList& properties) const {
+  if (muteDepth > 0) return;
   LoggingEvent event{this, text, priority, &properties};
   for (Appender* a : configuredAppenders()) appendThroughFilters(a, event);
   for (Appender* a : appenders_) appendThroughFilters(a, event);

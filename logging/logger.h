@@ -183,6 +183,18 @@ class Logger {
   std::string name_;
 };
 
+// While one exists on a thread, nothing that thread logs reaches any output.
+// For work that runs engine code but is not the engine's own business, such
+// as writing a simulated disk back to its image file.
+class ScopedLogMute {
+ public:
+  ScopedLogMute();
+  ~ScopedLogMute();
+  ScopedLogMute(const ScopedLogMute&) = delete;
+  ScopedLogMute& operator=(const ScopedLogMute&) = delete;
+  static bool active();
+};
+
 // Registers the calling thread under a name, or renames it.
 void setThreadName(const std::string& name);
 // The calling thread's entry, or null when it never registered.

@@ -185,8 +185,10 @@ bool Ager::copyRealTree(std::string* error) {
 void Ager::fillTo(uint64_t targetUsed) {
   int failures = 0;
   while (used() < targetUsed && failures < 64 && files_.size() < o_.maxFiles) {
-    // Recent directories get more files, as they do on real disks.
-    size_t dir = rng_.chance(0.3) ? dirs_.size() - 1 - static_cast<size_t>(rng_.below(std::min<size_t>(dirs_.size(), 8)))
+    // The newest directories (the last one in a hundred) get more files, as
+    // they do on real disks.
+    size_t recent = std::max<size_t>(8, dirs_.size() / 100);
+    size_t dir = rng_.chance(0.3) ? dirs_.size() - 1 - static_cast<size_t>(rng_.below(std::min(dirs_.size(), recent)))
                                   : static_cast<size_t>(rng_.below(dirs_.size()));
     uint64_t size = sampleSize();
     uint64_t left = (targetUsed - used()) * o_.bytesPerCluster;

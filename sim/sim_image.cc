@@ -1,5 +1,7 @@
 #include "sim/sim_image.h"
 
+#include "logging/logger.h"
+
 #include <algorithm>
 
 #include "dump/volume_dump.h"
@@ -89,6 +91,9 @@ std::unique_ptr<SimDisk> loadFirstRecord(Read read, std::string* error, wchar_t*
 }  // namespace
 
 bool saveSimImage(const SimDisk& disk, wchar_t driveLetter, std::FILE* out, std::string* error) {
+  // The dump writer's per-entry lines describe the engine's dumps, not the
+  // write-back of an image: keep them out of the log.
+  ScopedLogMute quiet;
   try {
     std::shared_ptr<SimDisk> copy = disk.clone();
     CDfrgContext ctx(std::make_unique<SimVolumeSystem>(copy, driveLetter), 0, nullptr);

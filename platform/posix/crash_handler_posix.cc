@@ -182,7 +182,11 @@ void onFatalSignal(int sig, siginfo_t* info, void* raw) {
 }  // namespace
 
 void installCrashHandler() {
-  if (!altStackInstalled.exchange(true)) {
+  // A thread that already has an alternate stack (a sanitizer's, say) keeps
+  // it: replacing it would leave its owner freeing our static buffer.
+  stack_t current;
+  bool hasStack = ::sigaltstack(nullptr, &current) == 0 && (current.ss_flags & SS_DISABLE) == 0;
+  if (!hasStack && !altStackInstalled.exchange(true)) {
     stack_t ss;
     std::memset(&ss, 0, sizeof(ss));
     ss.ss_sp = altStack;

@@ -10,6 +10,10 @@
 #include <filesystem>
 #include <thread>
 
+#include "config/registry_store.h"
+#include "dump/volume_dump_reader.h"
+#include "platform/env.h"
+#include "platform/registry_backend.h"
 #include "sim/sim_aging.h"
 #include "sim/sim_disk.h"
 #include "sim/sim_image.h"
@@ -107,6 +111,71 @@ TEST(ExportsOnSimulatedDisks, OnePassDefragmentsAnAgedVolume) {
     if (pieces > 1 && storedClusters(f) <= a.largestFreeRun) ++stillFitting;
   }
   EXPECT_EQ(stillFitting, 0u);
+}
+
+TEST(ExportsOnSimulatedDisks, DumpModeWritesEveryEnabledVolumeAndEndsWithMinus21) {
+  TempDir dir;
+  std::filesystem::create_directories(dir.file("volumes"));
+  for (wchar_t letter : {L'C', L'D'}) {
+    SimAgingOptions o;
+    o.seed = letter;
+    o.totalClusters = 1u << 14;
+    o.maxFiles = 300;
+    std::string error;
+    auto aged = ageDisk(o, &error);
+    ASSERT_NE(aged, nullptr) << error;
+    std::string path = dir.file(std::string("volumes/") + static_cast<char>(letter) + ".vdf");
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    ASSERT_TRUE(saveSimImage(*aged, letter, f, &error)) << error;
+    std::fclose(f);
+  }
+  const std::string dumpFile = dir.file("two-volumes.vdf");
+  {
+    // The dump settings are the host's to write, before the engine starts.
+    Env::system()->setInstallDirectory(dir.path());
+    ASSERT_TRUE(RegistryBackend::openSystem());
+    CRegistryStore store(HKEY_CURRENT_USER);
+    std::unique_ptr<CRegistryKey> settings;
+    ASSERT_TRUE(store.openKey("SOFTWARE\\quorvane\\Quorvane Glidewell\\settings", settings, KEY_ALL_ACCESS,
+                              nullptr, true));
+    ASSERT_TRUE(settings->setDword(std::string("makeDump"), 1));
+    ASSERT_TRUE(settings->setString(L"dumpPath", std::wstring(dumpFile.begin(), dumpFile.end())));
+    settings.reset();
+    RegistryBackend::closeSystem();
+  }
+
+  void* lib = ::dlopen(GLIDEWELL_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(lib, nullptr) << ::dlerror();
+  auto initialize = reinterpret_cast<int (*)(const wchar_t*, const char*)>(::dlsym(lib, "dfrg_initialize"));
+  auto deinitialize = reinterpret_cast<int (*)()>(::dlsym(lib, "dfrg_deinitialize"));
+  auto create = reinterpret_cast<void* (*)()>(::dlsym(lib, "dfrg_createDefragInstance"));
+  auto destroy = reinterpret_cast<int (*)(void*)>(::dlsym(lib, "dfrg_deleteDefragInstance"));
+  auto start = reinterpret_cast<int (*)(void*)>(::dlsym(lib, "dfrg_startDefrag"));
+  auto isRunning = reinterpret_cast<int (*)(void*)>(::dlsym(lib, "dfrg_isRunning"));
+  auto lastError = reinterpret_cast<int (*)()>(::dlsym(lib, "dfrg_getLastErrorCode"));
+  auto lastMessage = reinterpret_cast<const char* (*)()>(::dlsym(lib, "dfrg_getLastErrorMessage"));
+  ASSERT_EQ(initialize(dir.path().c_str(), ""), 1);
+  void* h = create();
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(start(h), 1);
+  bool ended = false;
+  for (int i = 0; i < 3000 && !ended; ++i) {
+    ended = isRunning(h) == 0;
+    if (!ended) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(lastError(), -21);
+  EXPECT_STREQ(lastMessage(), "You didn't enabled a Volume to Defrag");
+  EXPECT_EQ(destroy(h), 1);
+  EXPECT_EQ(deinitialize(), 1);
+  ::dlclose(lib);
+
+  std::vector<VolumeDumpRecord> records = readVolumeDumpFile(std::wstring(dumpFile.begin(), dumpFile.end()));
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[0].driveLetter, L'C');
+  EXPECT_EQ(records[1].driveLetter, L'D');
+  for (auto& r : records) EXPECT_FALSE(r.entries.empty());
 }
 
 }  // namespace

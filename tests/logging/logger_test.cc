@@ -136,3 +136,31 @@ TEST_F(LoggerTest, EveryMessageOfEveryThreadReachesEveryOutputOnce) {
 
 }  // namespace
 }  // namespace glidewell
+
+namespace glidewell {
+namespace {
+
+TEST(LogMuteTest, MutedThreadReachesNoOutputAndOtherThreadsStillDo) {
+  LogManager::release();
+  LogManager* m = LogManager::instance();
+  m->setGenericFactory(LogObjectFactory{testing_log::createTestLogObject, destroyLogObject});
+  auto* recorder = dynamic_cast<testing_log::RecordingAppender*>(m->createAppender("Recording"));
+  Logger log("muted");
+  {
+    ScopedLogMute quiet;
+    log.log(kLogError) << "dropped";
+    std::thread other([] {
+      Logger l("other");
+      l.log(kLogError) << "kept";
+    });
+    other.join();
+  }
+  log.log(kLogError) << "after";
+  std::vector<std::string> messages;
+  for (auto& e : recorder->seen()) messages.push_back(e.message);
+  EXPECT_EQ(messages, (std::vector<std::string>{"kept", "after"}));
+  LogManager::release();
+}
+
+}  // namespace
+}  // namespace glidewell

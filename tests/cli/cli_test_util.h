@@ -1,0 +1,32 @@
+// Helpers for the host's tests: running the built glidewell command, and
+// making small drive images.
+#ifndef GLIDEWELL_TESTS_CLI_CLI_TEST_UTIL_H_
+#define GLIDEWELL_TESTS_CLI_CLI_TEST_UTIL_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace glidewell {
+
+struct CommandResult {
+  int status = -1;  // exit status; -1 when the process did not exit normally
+  std::string out;
+  std::string err;
+};
+
+// Runs the built glidewell with these arguments (each passed as it is, no
+// shell), with $HOME and $GLIDEWELL_HOME pointed at `home` so that nothing
+// outside the test's directory is touched, and stdin closed.
+CommandResult runGlidewell(const std::vector<std::string>& args, const std::string& home);
+
+// The number in the given column (1 = first value) of the table row whose
+// name is `row` ("fragmented files"); -1 when there is no such row.
+int64_t tableValue(const std::string& output, const std::string& row, int column);
+
+// Whole lines of text.
+std::vector<std::string> lines(const std::string& text);
+
+}  // namespace glidewell
+
+#endif  // GLIDEWELL_TESTS_CLI_CLI_TEST_UTIL_H_
