@@ -134,17 +134,8 @@ TEST_F(LoggerTest, EveryMessageOfEveryThreadReachesEveryOutputOnce) {
   }
 }
 
-}  // namespace
-}  // namespace glidewell
-
-namespace glidewell {
-namespace {
-
-TEST(LogMuteTest, MutedThreadReachesNoOutputAndOtherThreadsStillDo) {
-  LogManager::release();
-  LogManager* m = LogManager::instance();
-  m->setGenericFactory(LogObjectFactory{testing_log::createTestLogObject, destroyLogObject});
-  auto* recorder = dynamic_cast<testing_log::RecordingAppender*>(m->createAppender("Recording"));
+TEST_F(LoggerTest, AMutedThreadReachesNoOutputAndOtherThreadsStillDo) {
+  RecordingAppender* recorder = addRecorder();
   Logger log("muted");
   {
     ScopedLogMute quiet;
@@ -159,7 +150,6 @@ TEST(LogMuteTest, MutedThreadReachesNoOutputAndOtherThreadsStillDo) {
   std::vector<std::string> messages;
   for (auto& e : recorder->seen()) messages.push_back(e.message);
   EXPECT_EQ(messages, (std::vector<std::string>{"kept", "after"}));
-  LogManager::release();
 }
 
 }  // namespace
