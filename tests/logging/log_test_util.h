@@ -1,17 +1,15 @@
-// Helpers for the logging tests: an environment with a settable clock and
-// injectable file faults, an appender that records what it receives, a
-// scratch directory, and a LogManager that is reset around each test.
+// Helpers for the logging tests: an environment with a fixed local time and
+// injectable file faults, an appender that records what it receives, and a
+// LogManager that is reset around each test.
 #ifndef GLIDEWELL_TESTS_LOGGING_LOG_TEST_UTIL_H_
 #define GLIDEWELL_TESTS_LOGGING_LOG_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -20,70 +18,42 @@
 #include "logging/log_manager.h"
 #include "logging/log_setup.h"
 #include "logging/simple_layout.h"
-#include "platform/env.h"
 #include "platform/text.h"
-#include "volume/volume_system.h"
+#include "support/fake_env.h"
+#include "support/temp_dir.h"
 
 namespace glidewell {
 namespace testing_log {
 
-// The system environment with two seams opened: the local time can be
-// fixed, and opening files can be made to fail, or reads to fail.
-class TestEnv : public EnvWrapper {
+// FakeEnv (for its fixed local time) whose file opens, or reads, fail on request.
+class TestEnv : public FakeEnv {
  public:
-  TestEnv() : EnvWrapper(Env::system()), base_(Env::system()) {}
-
-  std::optional<SYSTEMTIME> fixedTime;
   bool failOpen = false;
   bool failReads = false;
 
-  SYSTEMTIME localTime() override { return fixedTime ? *fixedTime : base_->localTime(); }
   std::unique_ptr<File> openFile(const std::wstring& path, FileOpen how, DWORD* error) override {
     if (failOpen) {
       if (error != nullptr) *error = ERROR_ACCESS_DENIED;
       return nullptr;
     }
-    std::unique_ptr<File> file = base_->openFile(path, how, error);
+    std::unique_ptr<File> file = FakeEnv::openFile(path, how, error);
     if (file != nullptr && failReads) return std::make_unique<FailingReads>(std::move(file));
     return file;
   }
 
  private:
-  class FailingReads : public File {
-   public:
-    explicit FailingReads(std::unique_ptr<File> f) : f_(std::move(f)) {}
-    bool read(void*, uint32_t, uint32_t* done) override {
-      *done = 0;
-      return false;
-    }
-    bool write(const void* b, uint32_t n, uint32_t* done) override { return f_->write(b, n, done); }
-    bool flush() override { return f_->flush(); }
-    bool size(uint64_t* s) override { return f_->size(s); }
-
-   private:
-    std::unique_ptr<File> f_;
+  struct FailingReads : File {
+    explicit FailingReads(std::unique_ptr<File> f) : f(std::move(f)) {}
+    bool read(void*, uint32_t, uint32_t* done) override { return *done = 0, false; }
+    bool write(const void* b, uint32_t n, uint32_t* done) override { return f->write(b, n, done); }
+    bool flush() override { return f->flush(); }
+    bool size(uint64_t* s) override { return f->size(s); }
+    std::unique_ptr<File> f;
   };
-  Env* base_;
 };
 
-// Installs an environment for the length of a scope.
-class ScopedEnv {
- public:
-  explicit ScopedEnv(Env* env) { Env::setCurrent(env); }
-  ~ScopedEnv() { Env::setCurrent(nullptr); }
-};
-
-inline SYSTEMTIME makeTime(int h, int m, int s, int ms, int year = 2024, int month = 1, int day = 31) {
-  SYSTEMTIME t{};
-  t.wYear = static_cast<WORD>(year);
-  t.wMonth = static_cast<WORD>(month);
-  t.wDay = static_cast<WORD>(day);
-  t.wDayOfWeek = 3;
-  t.wHour = static_cast<WORD>(h);
-  t.wMinute = static_cast<WORD>(m);
-  t.wSecond = static_cast<WORD>(s);
-  t.wMilliseconds = static_cast<WORD>(ms);
-  return t;
+inline SYSTEMTIME makeTime(WORD h, WORD m, WORD s, WORD ms, WORD year = 2024, WORD month = 1, WORD day = 31) {
+  return SYSTEMTIME{year, month, 3, day, h, m, s, ms};
 }
 
 // One message as an appender saw it.
@@ -138,27 +108,6 @@ class LogTest : public ::testing::Test {
   }
 };
 
-// A fresh directory below the system's temporary directory, removed again
-// at the end of the scope.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "glidewell-log-XXXXXX").string();
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (::mkdtemp(buf.data()) != nullptr) path_ = buf.data();
-  }
-  ~TempDir() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
 inline void writeFile(const std::string& path, const std::string& content) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -172,13 +121,10 @@ inline std::string readFile(const std::string& path) {
   return s.str();
 }
 
-inline bool fileExists(const std::string& path) { return std::filesystem::exists(path); }
-
 // Loads a configuration text through a file in dir.
 inline bool loadText(LogManager* m, const TempDir& dir, const std::string& xml) {
-  std::string path = dir.file("logconfig.xml");
-  writeFile(path, xml);
-  return m->loadConfig(widen(path));
+  writeFile(dir.file("logconfig.xml"), xml);
+  return m->loadConfig(widen(dir.file("logconfig.xml")));
 }
 
 }  // namespace testing_log

@@ -14,7 +14,6 @@ namespace {
 
 using testing_log::LogTest;
 using testing_log::readFile;
-using testing_log::TempDir;
 
 const std::string kPadding(300, 'x');
 

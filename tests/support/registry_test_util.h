@@ -1,40 +1,19 @@
-// Small helpers shared by the registry tests: a temporary directory, and
-// direct reads and writes of a backend that bypass the typed store.
+// Helpers shared by the registry tests: direct reads and writes of a backend
+// that bypass the typed store, and a fixture whose process registry is an
+// in-memory one behind fault injection.
 #ifndef GLIDEWELL_TESTS_SUPPORT_REGISTRY_TEST_UTIL_H_
 #define GLIDEWELL_TESTS_SUPPORT_REGISTRY_TEST_UTIL_H_
 
-#include <stdlib.h>
-#include <unistd.h>
+#include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "platform/registry_backend.h"
+#include "support/registry_fault_injection.h"
 
 namespace glidewell {
 namespace test {
-
-// A fresh directory below $TMPDIR, removed with its contents at the end.
-class TempDir {
- public:
-  TempDir() {
-    const char* base = std::getenv("TMPDIR");
-    std::string tmpl = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/glidewell-reg-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    path_ = mkdtemp(buf.data()) != nullptr ? std::string(buf.data()) : std::string();
-  }
-  ~TempDir() {
-    if (!path_.empty()) std::system(("rm -rf '" + path_ + "'").c_str());
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 // Opens a whole "a\b\c" path below `root`, creating it when asked. Null on failure.
 inline HKEY openPath(RegistryBackend& r, HKEY root, const std::string& path, bool create,
@@ -112,6 +91,46 @@ inline std::vector<std::wstring> valueNames(RegistryBackend& r, HKEY key) {
   for (DWORD i = 0; r.enumValue(key, i, &name) == ERROR_SUCCESS; ++i) names.push_back(name);
   return names;
 }
+
+// The little-endian number a value holds when it is of `type`; -1 otherwise.
+inline int64_t number(const RawValue& v, DWORD type) {
+  if (v.result != ERROR_SUCCESS || v.type != type) return -1;
+  uint64_t n = 0;
+  for (size_t i = v.data.size(); i-- > 0;) n = n << 8 | v.data[i];
+  return static_cast<int64_t>(n);
+}
+
+class RegistryTest : public ::testing::Test {
+ protected:
+  RegistryTest() : memory_(RegistryBackend::newMemory()), reg_(std::make_shared<FaultInjectingRegistry>(memory_)) {
+    RegistryBackend::setCurrent(reg_);
+  }
+  ~RegistryTest() override { RegistryBackend::setCurrent(nullptr); }
+
+  // Below HKEY_CURRENT_USER.
+  RawValue value(const std::string& key, const std::wstring& name) {
+    return getAt(*memory_, HKEY_CURRENT_USER, key, name);
+  }
+  void setRaw(const std::string& key, const std::wstring& name, DWORD type, const std::vector<BYTE>& data) {
+    HKEY k = openPath(*memory_, HKEY_CURRENT_USER, key, true);
+    ASSERT_EQ(ERROR_SUCCESS, put(*memory_, k, name, type, data));
+    memory_->closeKey(k);
+  }
+  // The names of a key's subkeys or values; none when it does not exist.
+  template <typename Name = std::string>
+  std::vector<Name> names(const std::string& key) {
+    HKEY k = openPath(*memory_, HKEY_CURRENT_USER, key, false);
+    std::vector<Name> out;
+    if (k == nullptr) return out;
+    if constexpr (std::is_same<Name, std::string>::value) out = subkeyNames(*memory_, k);
+    else out = valueNames(*memory_, k);
+    memory_->closeKey(k);
+    return out;
+  }
+
+  std::shared_ptr<RegistryBackend> memory_;
+  std::shared_ptr<FaultInjectingRegistry> reg_;
+};
 
 }  // namespace test
 }  // namespace glidewell
