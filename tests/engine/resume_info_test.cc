@@ -181,12 +181,6 @@ TEST_F(ResumeInfoTest, RecordsOfVolumesNotEnabledAreIgnoredAndMissingOnesAreRese
   EXPECT_EQ(ctx(0).panicPass, -1);
 }
 
-TEST_F(ResumeInfoTest, AFileThatCannotBeCreatedIsNotSaved) {
-  auto elsewhere = CDfrgConfig::detached(dir.path() + L"missing\\");
-  worker.setConfig(elsewhere.get());
-  EXPECT_FALSE(worker.saveResumeInfo());
-}
-
 TEST_F(ResumeInfoTest, VolumeModesAreStoredWithTheirTimeAndAge) {
   FakeEnv env;
   ScopedEnv scoped(&env);
