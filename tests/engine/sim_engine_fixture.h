@@ -38,7 +38,9 @@ class SimEngineTest : public ::testing::Test {
   void TearDown() override {
     files_.clear();
     ctx_.reset();
-    if (disk) EXPECT_EQ(disk->verify(), "");
+    if (disk) {
+      EXPECT_EQ(disk->verify(), "");
+    }
     LogManager::release();
   }
 
