@@ -8,19 +8,19 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
+
+#include "cli/image_io.h"
+#include "sim/sim_aging.h"
 
 namespace glidewell {
 
-namespace {
-
-std::string slurp(const std::string& path) {
+std::string fileText(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream s;
   s << in.rdbuf();
   return s.str();
 }
-
-}  // namespace
 
 CommandResult runGlidewell(const std::vector<std::string>& args, const std::string& home) {
   std::string outPath = home + "/.command-out", errPath = home + "/.command-err";
@@ -47,8 +47,8 @@ CommandResult runGlidewell(const std::vector<std::string>& args, const std::stri
   CommandResult result;
   int status = 0;
   if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  result.out = slurp(outPath);
-  result.err = slurp(errPath);
+  result.out = fileText(outPath);
+  result.err = fileText(errPath);
   return result;
 }
 
@@ -76,6 +76,18 @@ std::vector<std::string> lines(const std::string& text) {
   std::string line;
   while (std::getline(in, line)) out.push_back(line);
   return out;
+}
+
+std::string writeAgedImage(const std::string& path, uint64_t seed, double fill) {
+  SimAgingOptions options;
+  options.seed = seed;
+  options.totalClusters = 4096;
+  if (fill > 0) options.fillRatio = fill;
+  std::string error;
+  std::unique_ptr<SimDisk> disk = ageDisk(options, &error);
+  if (!disk) throw std::runtime_error(error);
+  saveImage(*disk, L'C', path);
+  return path;
 }
 
 }  // namespace glidewell

@@ -27,6 +27,13 @@ int64_t tableValue(const std::string& output, const std::string& row, int column
 // Whole lines of text.
 std::vector<std::string> lines(const std::string& text);
 
+// A file's bytes as text ("" when it cannot be read).
+std::string fileText(const std::string& path);
+
+// Writes an aged 4096-cluster volume of the given seed (and fill ratio, when
+// positive) as drive C:'s image at `path`, and returns the path.
+std::string writeAgedImage(const std::string& path, uint64_t seed, double fill = 0);
+
 }  // namespace glidewell
 
 #endif  // GLIDEWELL_TESTS_CLI_CLI_TEST_UTIL_H_

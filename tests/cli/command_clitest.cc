@@ -8,7 +8,6 @@
 #include "cli/host_files.h"
 #include "cli/image_io.h"
 #include "cli_test_util.h"
-#include "sim/sim_aging.h"
 #include "support/temp_dir.h"
 
 namespace glidewell {
@@ -17,14 +16,7 @@ namespace {
 class CommandTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    SimAgingOptions options;
-    options.seed = 5;
-    options.totalClusters = 4096;
-    std::string error;
-    std::unique_ptr<SimDisk> disk = ageDisk(options, &error);
-    ASSERT_NE(disk, nullptr) << error;
-    image_ = dir_.file("small.vdf");
-    saveImage(*disk, L'C', image_);
+    image_ = writeAgedImage(dir_.file("small.vdf"), 5);
     imageBytes_ = readWholeFile(image_);
   }
 
@@ -61,14 +53,7 @@ TEST_F(CommandTest, HelpEverywhere) {
   EXPECT_NE(run({"run", "--help"}).out.find("--seconds"), std::string::npos);
 }
 
-TEST_F(CommandTest, MissingImagesAreNamed) {
-  std::string missing = dir_.file("missing.vdf");
-  expectRefused(run({"analyze", missing}), 1, "cannot open " + missing + ": No such file or directory");
-  // One bad image among good ones: nothing is copied or run.
-  expectRefused(run({"run", image_, missing}), 1, "cannot open " + missing);
-}
-
-TEST_F(CommandTest, ImagesThatDoNotLoadGiveTheLoadersReason) {
+TEST_F(CommandTest, ImagesThatAreMissingOrDoNotLoadAreNamedWithTheReason) {
   std::string truncated = dir_.file("truncated.vdf"), text = dir_.file("text.vdf"), empty = dir_.file("empty.vdf");
   std::vector<uint8_t> head(imageBytes_.begin(), imageBytes_.begin() + 300);
   writeFileAtomically(truncated, head);
@@ -79,6 +64,10 @@ TEST_F(CommandTest, ImagesThatDoNotLoadGiveTheLoadersReason) {
   expectRefused(run({"analyze", text}), 1, "VDFH");
   expectRefused(run({"analyze", empty}), 1, empty + " is not a volume image");
   expectRefused(run({"run", dir_.native()}), 1, "is not a regular file");
+  std::string missing = dir_.file("missing.vdf");
+  expectRefused(run({"analyze", missing}), 1, "cannot open " + missing + ": No such file or directory");
+  // One bad image among good ones: nothing is copied or run.
+  expectRefused(run({"run", image_, missing}), 1, "cannot open " + missing);
 }
 
 TEST_F(CommandTest, BadOptionsAreUsageErrors) {
@@ -95,9 +84,6 @@ TEST_F(CommandTest, BadOptionsAreUsageErrors) {
   expectRefused(run({"config", "set", "MaxClusterMoveCount", "lots"}), 2, "lots");
   expectRefused(run({"config", "set", "NoSuchSetting", "1"}), 2, "NoSuchSetting");
   expectRefused(run({"run", image_, image_}), 2, "given twice");
-}
-
-TEST_F(CommandTest, ModeZeroIsRefusedBeforeAnythingRuns) {
   expectRefused(run({"run", image_, "--mode", "0"}), 2,
                 "--mode 0 (the smart driver) cannot be started: the exported functions always start mode 1");
 }

@@ -4,13 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <sstream>
 
 #include "cli/host_files.h"
 #include "cli/image_io.h"
 #include "cli/volume_metrics.h"
 #include "cli_test_util.h"
-#include "sim/sim_aging.h"
 #include "support/temp_dir.h"
 
 namespace glidewell {
@@ -18,25 +16,8 @@ namespace {
 
 class EndToEnd : public ::testing::Test {
  protected:
-  std::string makeImage(const std::string& name, uint64_t seed) {
-    SimAgingOptions options;
-    options.seed = seed;
-    options.totalClusters = 4096;
-    options.fillRatio = 0.5;
-    std::string error;
-    std::unique_ptr<SimDisk> disk = ageDisk(options, &error);
-    EXPECT_NE(disk, nullptr) << error;
-    std::string path = dir_.file(name);
-    saveImage(*disk, L'C', path);
-    return path;
-  }
+  std::string makeImage(const std::string& name, uint64_t seed) { return writeAgedImage(dir_.file(name), seed, 0.5); }
   CommandResult run(const std::vector<std::string>& args) { return runGlidewell(args, dir_.native()); }
-  std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
 
   TempDir dir_;
 };
@@ -76,7 +57,7 @@ TEST_F(EndToEnd, RunDefragmentsTheImagesAndReplacesThemWhole) {
   // (which never reached the console) and statistics.
   EXPECT_FALSE(pathExists(home + "/volumes/C.vdf"));
   EXPECT_FALSE(pathExists(home + "/volumes/D.vdf"));
-  EXPECT_NE(slurp(home + "/glidewell.log").find("Log started"), std::string::npos);
+  EXPECT_NE(fileText(home + "/glidewell.log").find("Log started"), std::string::npos);
   EXPECT_EQ(r.out.find("Log started"), std::string::npos);
   EXPECT_TRUE(pathExists(dir_.file("maps/C-before.png")));
   EXPECT_TRUE(pathExists(dir_.file("maps/D-after.png")));

@@ -19,7 +19,7 @@ SimFileInfo file(const std::wstring& path, std::vector<SimRun> runs, uint64_t si
   return f;
 }
 
-TEST(MovedClusters, CountsEveryVcnThatSitsElsewhereHoweverTheRunsAreCut) {
+TEST(MovedClusters, CountsEveryStoredVcnThatSitsElsewhereHoweverTheRunsAreCut) {
   // Before: one run of 10 at LCN 100. After: VCN 0-3 stayed, 4-9 moved.
   // The after map is cut at other places than the before map.
   std::vector<SimFileInfo> before = {file(L"a", {stored(0, 100, 10)})};
@@ -31,13 +31,11 @@ TEST(MovedClusters, CountsEveryVcnThatSitsElsewhereHoweverTheRunsAreCut) {
   EXPECT_EQ(countMovedClusters(before, after), 3u);  // only VCN 3-5 changed place
   // Nothing moved.
   EXPECT_EQ(countMovedClusters(before, before), 0u);
-}
-
-TEST(MovedClusters, IgnoresHolesAndFilesOnOneSideOnly) {
-  std::vector<SimFileInfo> before = {file(L"sparse", {stored(0, 100, 16), hole(16, 16), stored(32, 200, 16)}),
-                                     file(L"gone", {stored(0, 300, 5)})};
-  std::vector<SimFileInfo> after = {file(L"sparse", {stored(0, 400, 16), hole(16, 16), stored(32, 200, 16)}),
-                                    file(L"new", {stored(0, 300, 5)})};
+  // Holes (kept or filled in), and files on one side only, are not moves.
+  before = {file(L"sparse", {stored(0, 100, 16), hole(16, 16), stored(32, 200, 16), hole(48, 16)}),
+            file(L"gone", {stored(0, 300, 5)})};
+  after = {file(L"sparse", {stored(0, 400, 16), hole(16, 16), stored(32, 200, 16), stored(48, 600, 16)}),
+           file(L"new", {stored(0, 300, 5)})};
   EXPECT_EQ(countMovedClusters(before, after), 16u);
 }
 

@@ -37,35 +37,29 @@ TEST_F(CheckStateTest, StopIsSeenOnlyAfterTheHalfSecondAllowance) {
   }
 }
 
-TEST_F(CheckStateTest, ThreadsPausedContextBlocksUntilResumed) {
-  ctx.pause(true);
-  std::atomic<bool> passed{false};
-  std::thread worker([&] {
-    checkState(ctx);
-    passed = true;
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_FALSE(passed.load());
-  ctx.pause(false);
-  worker.join();
-  EXPECT_TRUE(passed.load());
-}
-
-TEST_F(CheckStateTest, ThreadsStopDuringPauseWakesTheWorkerWithTheStop) {
-  ctx.pause(true);
-  std::atomic<int> code{0};
-  std::thread worker([&] {
-    try {
-      checkState(ctx);
-    } catch (const CDfrgException& e) {
-      code = e.code;
-    }
-  });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  ctx.stopAll();   // what DfrgThread::end does: stop, then resume
-  ctx.pause(false);
-  worker.join();
-  EXPECT_EQ(code.load(), ErrorStopRequested);
+TEST_F(CheckStateTest, ThreadsPauseBlocksUntilResumedAndAStopDuringPauseWakesTheWorkerWithTheStop) {
+  for (bool stop : {false, true}) {
+    CDfrgContext paused{nullptr, 0, nullptr};
+    paused.pause(true);
+    std::atomic<bool> passed{false};
+    std::atomic<int> code{0};
+    std::thread worker([&] {
+      try {
+        checkState(paused);
+        passed = true;
+      } catch (const CDfrgException& e) {
+        code = e.code;
+      }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(passed.load());
+    if (stop) paused.stopAll();  // what DfrgThread::end does: stop, then resume
+    paused.pause(false);
+    worker.join();
+    EXPECT_EQ(passed.load(), !stop);
+    EXPECT_EQ(code.load(), stop ? ErrorStopRequested : 0);
+    resetCheckStateClock();
+  }
 }
 
 }  // namespace

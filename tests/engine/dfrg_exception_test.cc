@@ -14,20 +14,5 @@ TEST(ErrorCodesTest, NamesAndNumbers) {
   EXPECT_EQ(errorName(0), "0");
 }
 
-TEST(ErrorCodesTest, ExceptionIsAValueWithCodeAndMessage) {
-  CDfrgException nullMessage(-1, static_cast<const char*>(nullptr));
-  EXPECT_EQ(nullMessage.code, -1);
-  EXPECT_EQ(nullMessage.message, "");
-  CDfrgException original(2, std::string("Couldn't load config from Registry"));
-  CDfrgException copy = original;
-  EXPECT_EQ(copy.code, 2);
-  EXPECT_EQ(copy.message, "Couldn't load config from Registry");
-  try {
-    throw copy;
-  } catch (CDfrgException e) {
-    EXPECT_EQ(e.message, original.message);
-  }
-}
-
 }  // namespace
 }  // namespace glidewell

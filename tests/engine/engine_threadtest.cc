@@ -75,6 +75,10 @@ class EngineTest : public ::testing::Test {
 
 TEST_F(EngineTest, ThreadsNoEnabledVolumeEndsTheRunWithMinus21) {
   makeEngine();
+  owner->stop();  // with no worker yet: nothing happens
+  owner->pause(false);
+  EXPECT_EQ(done.wait(0), WaitResult::kTimeout);
+  EXPECT_TRUE(reports().empty());
   owner->start(false, kDefragModePasses);
   ASSERT_EQ(done.wait(5000), WaitResult::kSignaled);
   EXPECT_EQ(done.wait(0), WaitResult::kTimeout);  // auto-reset: seen once
@@ -84,14 +88,6 @@ TEST_F(EngineTest, ThreadsNoEnabledVolumeEndsTheRunWithMinus21) {
   EXPECT_EQ(r[0].second, "You didn't enabled a Volume to Defrag");
   owner->stop();  // a finished worker is deleted without waiting
   owner->pause(true);
-}
-
-TEST_F(EngineTest, ThreadsStopWithNoWorkerDoesNothing) {
-  makeEngine();
-  owner->stop();
-  owner->pause(false);
-  EXPECT_EQ(done.wait(0), WaitResult::kTimeout);
-  EXPECT_TRUE(reports().empty());
 }
 
 TEST_F(EngineTest, ThreadsUnknownModeEndsWithStopCode) {

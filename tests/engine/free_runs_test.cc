@@ -24,21 +24,26 @@ uint64_t startOf(const FreeExtentList& runs, size_t index) {
   return it->start;
 }
 
-TEST(BestFitTest, ExactFitEndsTheSearchAtTheFirstOne) {
-  FreeExtentList runs = runsOfLengths({100, 50, 60, 50});
-  EXPECT_EQ(findBestFit(runs, 50, kNoCluster), startOf(runs, 1));
-}
-
-TEST(BestFitTest, SmallestRunThatHoldsTheFileWins) {
-  FreeExtentList runs = runsOfLengths({100, 70, 60});
-  EXPECT_EQ(findBestFit(runs, 55, kNoCluster), startOf(runs, 2));
-  EXPECT_EQ(findBestFit(runs, 101, kNoCluster), kNoCluster);
-}
-
-TEST(BestFitTest, OnlyStrictlyShorterReplacesAndExcludedStartIsSkipped) {
-  FreeExtentList runs = runsOfLengths({80, 80, 90});
-  EXPECT_EQ(findBestFit(runs, 70, kNoCluster), startOf(runs, 0));  // equal later run does not replace
-  EXPECT_EQ(findBestFit(runs, 70, startOf(runs, 0)), startOf(runs, 1));
+TEST(BestFitTest, ExactFitStopsTheSearchAndOnlyAStrictlyShorterRunReplaces) {
+  struct Case {
+    std::initializer_list<uint64_t> lengths;
+    uint64_t size;
+    int excluded;  // index of the run whose start is excluded, or -1
+    int expected;  // index of the chosen run, or -1 for none
+  };
+  const Case cases[] = {
+      {{100, 50, 60, 50}, 50, -1, 1},  // the first exact fit
+      {{100, 70, 60}, 55, -1, 2},      // the smallest that holds it
+      {{100, 70, 60}, 101, -1, -1},    // none holds it
+      {{80, 80, 90}, 70, -1, 0},       // an equal later run does not replace
+      {{80, 80, 90}, 70, 0, 1},        // the excluded start is skipped
+  };
+  for (const Case& c : cases) {
+    FreeExtentList runs = runsOfLengths(c.lengths);
+    uint64_t excluded = c.excluded < 0 ? kNoCluster : startOf(runs, c.excluded);
+    uint64_t expected = c.expected < 0 ? kNoCluster : startOf(runs, c.expected);
+    EXPECT_EQ(findBestFit(runs, c.size, excluded), expected) << c.size << " " << c.excluded;
+  }
 }
 
 TEST(FreeRunQueriesTest, NeighboursOfAPosition) {

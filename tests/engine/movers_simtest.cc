@@ -23,73 +23,139 @@ class DefragFileTest : public SimEngineTest {
   }
 };
 
-TEST_F(DefragFileTest, ExactFitEndsTheSearchAndTheFileIsWholeThere) {
-  makeDisk(2000);
-  place(L"f", {{1000, 25}, {1100, 25}});
-  keepFreeOnly({{100, 199}, {300, 349}, {400, 459}, {500, 549}});
-  ExtentList after;
-  EXPECT_TRUE(defrag(L"f", &after));
-  EXPECT_EQ(layout(L"f"), (Pieces{{300, 50}}));
-  EXPECT_EQ(after.size(), 1u);
-  EXPECT_EQ(worker.defraggedCount, 1);
+enum class Mover { kDefrag, kLeftBorder, kBetterPlace };
+
+// One file "f" on a 6000-cluster volume where only `freeRuns` are free.
+struct PlacementCase {
+  const char* name;
+  Mover mover;
+  bool compressed;  // pieces are (lcn, units of 12 stored clusters)
+  Pieces pieces;
+  Pieces freeRuns;  // inclusive (first, last)
+  bool moved;
+  Pieces after;      // the file's clusters afterwards
+  int moves;         // -1: not checked
+  int64_t firstLcn;  // -1: not checked
+  uint64_t largestMove;  // 0: not checked
+};
+
+class PlacementTest : public DefragFileTest, public ::testing::WithParamInterface<PlacementCase> {};
+
+TEST_P(PlacementTest, FileEndsWhereTheMoverChooses) {
+  const PlacementCase& c = GetParam();
+  makeDisk(6000);
+  if (c.compressed) {
+    placeCompressed(L"f", c.pieces);
+  } else {
+    place(L"f", c.pieces);
+  }
+  keepFreeOnly(c.freeRuns);
+  bool moved = false;
+  if (c.mover == Mover::kDefrag) {
+    ExtentList after;
+    moved = defrag(L"f", &after);
+    EXPECT_EQ(worker.defraggedCount, c.moved ? 1 : 0);
+    if (c.moved) {
+      EXPECT_EQ(after.size(), 1u);
+    }
+  } else {
+    CDfrgFile& file = open(L"f");
+    ExtentList extents = extentsOf(file);
+    snapshot();
+    if (c.mover == Mover::kLeftBorder) {
+      EXPECT_TRUE(worker.moveToLeftBorder(ctx(), file, extents, moved));
+      EXPECT_EQ(extents.size(), 1u);
+    } else {
+      EXPECT_TRUE(worker.moveToBetterPlace(ctx(), file, extents, moved));
+    }
+    EXPECT_EQ(worker.movedCount, c.moved ? 1 : 0);
+  }
+  EXPECT_EQ(moved, c.moved);
+  EXPECT_EQ(layout(L"f"), c.after);
+  auto moves = probe->moveList();
+  if (c.moves >= 0) {
+    EXPECT_EQ(static_cast<int>(moves.size()), c.moves);
+  }
+  if (c.firstLcn >= 0) {
+    ASSERT_FALSE(moves.empty());
+    EXPECT_EQ(moves.front().StartingLcn.QuadPart, c.firstLcn);
+  }
+  if (c.largestMove > 0) {
+    for (auto& m : moves) EXPECT_LE(m.ClusterCount, c.largestMove);
+  }
 }
 
-TEST_F(DefragFileTest, SmallestRunThatHoldsTheFileIsChosen) {
-  makeDisk(2000);
-  place(L"f", {{1000, 30}, {1100, 25}});
-  keepFreeOnly({{100, 199}, {300, 369}, {400, 459}});
+const PlacementCase kPlacements[] = {
+    // Best fit: an exact fit ends the search; otherwise the smallest run that holds the file.
+    {"ExactFit", Mover::kDefrag, false, {{1000, 25}, {1100, 25}}, {{100, 199}, {300, 349}, {400, 459}, {500, 549}},
+     true, {{300, 50}}, -1, -1, 0},
+    {"SmallestRunThatHolds", Mover::kDefrag, false, {{1000, 30}, {1100, 25}}, {{100, 199}, {300, 369}, {400, 459}},
+     true, {{400, 55}}, -1, -1, 0},
+    {"OnePieceLeftAlone", Mover::kDefrag, false, {{1000, 30}}, {{100, 199}}, false, {{1000, 30}}, 0, -1, 0},
+    // Left border: a small gap before a long file parks it in the first run that holds it, then moves it back.
+    {"ParkAndReturn", Mover::kLeftBorder, false, {{1000, 100}}, {{990, 999}, {5000, 5199}}, true, {{990, 100}}, 2,
+     5000, 0},
+    {"SlideInPiecesOfTheGap", Mover::kLeftBorder, false, {{1000, 100}}, {{960, 999}}, true, {{960, 100}}, 3, 960, 40},
+    {"AtMostThreeGapsSlides", Mover::kLeftBorder, false, {{1000, 30}}, {{990, 999}, {5000, 5199}}, true, {{990, 30}},
+     3, 990, 10},
+    // The file is short enough to slide (24 <= 3 * 10), but the gap is smaller than a compression unit.
+    {"GapSmallerThanAUnitParks", Mover::kLeftBorder, true, {{1008, 2}}, {{998, 1007}, {5000, 5199}}, true,
+     {{998, 24}}, 2, 5000, 0},
+    {"NoGapNoMove", Mover::kLeftBorder, false, {{1000, 30}}, {{1030, 1999}}, false, {{1000, 30}}, 0, -1, 0},
+    // Better place: free on both sides and no better run hands over to the left move (slid by the whole gap).
+    {"HandedToTheLeftMove", Mover::kBetterPlace, false, {{1000, 50}}, {{950, 999}, {1050, 1099}}, true, {{950, 50}},
+     -1, -1, 0},
+    // The rest of a tighter run stays free on the side that faces the old place.
+    {"EndOfATighterRun", Mover::kBetterPlace, false, {{1000, 50}}, {{1050, 1059}, {3000, 3054}}, true, {{3005, 50}},
+     -1, -1, 0},
+    {"RunLargerThanTheHoleLeft", Mover::kBetterPlace, false, {{1000, 50}}, {{1050, 1059}, {3000, 3199}}, false,
+     {{1000, 50}}, 0, -1, 0},
+    {"NoFreeNeighbours", Mover::kBetterPlace, false, {{1000, 50}}, {{3000, 3049}}, false, {{1000, 50}}, 0, -1, 0},
+};
+
+INSTANTIATE_TEST_SUITE_P(Movers, PlacementTest, ::testing::ValuesIn(kPlacements),
+                         [](const ::testing::TestParamInfo<PlacementCase>& info) { return info.param.name; });
+
+// How a defragmented file is cut into moves: MaxClusterMoveCount 0 moves it in
+// one call, the default 1024 in pieces, compressed files in whole units.
+struct MoveSizeCase {
+  const char* name;
+  int maxMove;  // -1: the default
+  bool compressed;
+  Pieces pieces;
+  std::vector<DWORD> moves;
+};
+
+class MoveSizeTest : public DefragFileTest, public ::testing::WithParamInterface<MoveSizeCase> {};
+
+TEST_P(MoveSizeTest, FileMovesInPiecesOfTheSetting) {
+  const MoveSizeCase& c = GetParam();
+  if (c.maxMove >= 0) config->overrideMaxClusterMoveCount(c.maxMove);
+  makeDisk(20000);
+  if (c.compressed) {
+    placeCompressed(L"f", c.pieces);
+  } else {
+    place(L"f", c.pieces);
+  }
   EXPECT_TRUE(defrag(L"f"));
-  EXPECT_EQ(layout(L"f"), (Pieces{{400, 55}}));
+  std::vector<DWORD> counts;
+  for (auto& m : probe->moveList()) {
+    counts.push_back(m.ClusterCount);
+    if (c.compressed) {
+      EXPECT_EQ(m.StartingVcn.QuadPart % 16, 0);
+    }
+  }
+  EXPECT_EQ(counts, c.moves);
+  EXPECT_EQ(layout(L"f").size(), 1u);
 }
 
-TEST_F(DefragFileTest, FileInOnePieceIsLeftAloneAndItsFlagUntouched) {
-  makeDisk(2000);
-  place(L"f", {{1000, 30}});
-  CDfrgFile& file = open(L"f");
-  ExtentList extents = extentsOf(file);
-  snapshot();
-  bool defragged = true;  // the caller's value stays
-  EXPECT_TRUE(worker.defragFile(ctx(), file, extents, defragged));
-  EXPECT_TRUE(defragged);
-  EXPECT_TRUE(probe->moveList().empty());
-  EXPECT_EQ(worker.defraggedCount, 0);
-}
-
-TEST_F(DefragFileTest, WholeFileMovesInOneCallWhenTheMoveSizeIsUnbounded) {
-  config->overrideMaxClusterMoveCount(0);
-  makeDisk(20000);
-  place(L"big", {{10000, 1000}, {12000, 1000}, {14000, 1000}});
-  EXPECT_TRUE(defrag(L"big"));
-  auto moves = probe->moveList();
-  ASSERT_EQ(moves.size(), 1u);
-  EXPECT_EQ(moves[0].ClusterCount, 3000u);
-}
-
-TEST_F(DefragFileTest, LargeFileMovesInPiecesOfTheSetting) {
-  makeDisk(20000);
-  place(L"big", {{10000, 1500}, {12000, 1000}});
-  EXPECT_TRUE(defrag(L"big"));
-  auto moves = probe->moveList();
-  ASSERT_EQ(moves.size(), 3u);
-  EXPECT_EQ(moves[0].ClusterCount, 1024u);
-  EXPECT_EQ(moves[1].ClusterCount, 1024u);
-  EXPECT_EQ(moves[2].ClusterCount, 452u);
-  EXPECT_EQ(layout(L"big").size(), 1u);
-}
-
-TEST_F(DefragFileTest, CompressedFileMovesInWholeUnits) {
-  config->overrideMaxClusterMoveCount(1000);
-  makeDisk(20000);
-  placeCompressed(L"packed", {{10000, 64}, {12000, 64}});
-  EXPECT_TRUE(defrag(L"packed"));
-  auto moves = probe->moveList();
-  ASSERT_EQ(moves.size(), 3u);
-  EXPECT_EQ(moves[0].ClusterCount, 992u);  // 1000 rounded down to a multiple of 16
-  EXPECT_EQ(moves[1].ClusterCount, 992u);
-  EXPECT_EQ(moves[2].ClusterCount, 64u);
-  for (auto& m : moves) EXPECT_EQ(m.StartingVcn.QuadPart % 16, 0);
-  EXPECT_EQ(layout(L"packed").size(), 1u);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Settings, MoveSizeTest,
+    ::testing::Values(MoveSizeCase{"Unbounded", 0, false, {{10000, 1000}, {12000, 1000}, {14000, 1000}}, {3000}},
+                      MoveSizeCase{"Default", -1, false, {{10000, 1500}, {12000, 1000}}, {1024, 1024, 452}},
+                      // 1000 rounded down to a multiple of 16
+                      MoveSizeCase{"CompressedUnits", 1000, true, {{10000, 64}, {12000, 64}}, {992, 992, 64}}),
+    [](const ::testing::TestParamInfo<MoveSizeCase>& info) { return info.param.name; });
 
 TEST_F(DefragFileTest, CompressionUnitLargerThanTheMoveSizeIsImpossibleAndGivenUp) {
   config->overrideMaxClusterMoveCount(8);
@@ -143,42 +209,32 @@ TEST_F(DefragFileTest, OneRefusedMoveIsRetriedAndSucceeds) {
   EXPECT_EQ(worker.defraggedCount, 1);
 }
 
-// Free space made of runs of 99 clusters, none of which holds a 100-cluster file.
-class SpaceOnlyTest : public DefragFileTest {
- protected:
-  void build(uint64_t freeClusters) {
-    makeDisk(20000);
-    place(L"f", {{19000, 50}, {19500, 50}});
-    std::vector<std::pair<uint64_t, uint64_t>> runs;
-    uint64_t at = 0;
-    while (freeClusters > 0) {
-      uint64_t len = std::min<uint64_t>(99, freeClusters);
-      runs.push_back({at, at + len - 1});
-      at += len + 1;
-      freeClusters -= len;
-    }
-    keepFreeOnly(runs);
-    worker.scanInProgress = true;
-  }
-};
+// Free space made of runs of 99 clusters, none of which holds a 100-cluster
+// file: 4096 clusters beyond the file's size are the margin between a file
+// deferred for later and one that can only be helped by freeing space.
+class SpaceOnlyTest : public DefragFileTest, public ::testing::WithParamInterface<bool> {};
 
-TEST_F(SpaceOnlyTest, EnoughSpaceOverallMeansNotSpaceOnlyAndTheFileIsDeferred) {
-  build(100 + 4096);
+TEST_P(SpaceOnlyTest, TheMarginDecidesBetweenDeferredAndSpaceOnly) {
+  const bool spaceOnly = GetParam();
+  makeDisk(20000);
+  place(L"f", {{19000, 50}, {19500, 50}});
+  Pieces runs;
+  for (uint64_t at = 0, left = spaceOnly ? 100 + 4095 : 100 + 4096; left > 0;) {
+    uint64_t len = std::min<uint64_t>(99, left);
+    runs.push_back({at, at + len - 1});
+    at += len + 1;
+    left -= len;
+  }
+  keepFreeOnly(runs);
+  worker.scanInProgress = true;
   EXPECT_FALSE(defrag(L"f"));
   EXPECT_EQ(worker.nonDefraggableCount, 1);
-  EXPECT_EQ(worker.spaceOnlyCount, 0);
-  ASSERT_EQ(worker.deferred.size(), 1u);
-  EXPECT_EQ(worker.deferred[0], L"C:\\f");
+  EXPECT_EQ(worker.spaceOnlyCount, spaceOnly ? 1 : 0);
+  EXPECT_EQ(worker.deferred, spaceOnly ? std::vector<std::wstring>{} : std::vector<std::wstring>{L"C:\\f"});
   EXPECT_TRUE(probe->moveList().empty());
 }
 
-TEST_F(SpaceOnlyTest, LessThanTheMarginIsSpaceOnlyAndNotDeferred) {
-  build(100 + 4095);
-  EXPECT_FALSE(defrag(L"f"));
-  EXPECT_EQ(worker.nonDefraggableCount, 1);
-  EXPECT_EQ(worker.spaceOnlyCount, 1);
-  EXPECT_TRUE(worker.deferred.empty());
-}
+INSTANTIATE_TEST_SUITE_P(Margin, SpaceOnlyTest, ::testing::Bool());
 
 TEST(DeferredListTest, TheThousandAndFirstFileEmptiesTheListAndStopsDeferring) {
   DfrgThread worker("");
@@ -190,118 +246,6 @@ TEST(DeferredListTest, TheThousandAndFirstFileEmptiesTheListAndStopsDeferring) {
   EXPECT_TRUE(worker.deferredOverflow);
   worker.resetPassStatistics();
   EXPECT_FALSE(worker.deferredOverflow);
-}
-
-class LeftBorderTest : public SimEngineTest {
- protected:
-  bool moveLeft(const std::wstring& name) {
-    CDfrgFile& file = open(name);
-    ExtentList extents = extentsOf(file);
-    snapshot();
-    bool moved = false;
-    EXPECT_TRUE(worker.moveToLeftBorder(ctx(), file, extents, moved));
-    EXPECT_EQ(extents.size(), 1u);
-    return moved;
-  }
-};
-
-TEST_F(LeftBorderTest, SmallGapBeforeALongFileParksItAndMovesItBack) {
-  makeDisk(6000);
-  place(L"f", {{1000, 100}});
-  keepFreeOnly({{990, 999}, {5000, 5199}});
-  EXPECT_TRUE(moveLeft(L"f"));
-  auto moves = probe->moveList();
-  ASSERT_EQ(moves.size(), 2u);
-  EXPECT_EQ(moves[0].StartingLcn.QuadPart, 5000);  // the first run that holds it
-  EXPECT_EQ(moves[1].StartingLcn.QuadPart, 990);
-  EXPECT_EQ(layout(L"f"), (Pieces{{990, 100}}));
-  EXPECT_EQ(worker.movedCount, 1);
-}
-
-TEST_F(LeftBorderTest, GapOfThirtyOrMoreSlidesInPiecesNoLongerThanTheGap) {
-  makeDisk(6000);
-  place(L"f", {{1000, 100}});
-  keepFreeOnly({{960, 999}});
-  EXPECT_TRUE(moveLeft(L"f"));
-  auto moves = probe->moveList();
-  ASSERT_EQ(moves.size(), 3u);
-  for (auto& m : moves) EXPECT_LE(m.ClusterCount, 40u);
-  EXPECT_EQ(moves[0].StartingLcn.QuadPart, 960);
-  EXPECT_EQ(layout(L"f"), (Pieces{{960, 100}}));
-}
-
-TEST_F(LeftBorderTest, FileAtMostThreeTimesTheGapSlides) {
-  makeDisk(6000);
-  place(L"f", {{1000, 30}});
-  keepFreeOnly({{990, 999}, {5000, 5199}});
-  EXPECT_TRUE(moveLeft(L"f"));
-  EXPECT_EQ(probe->moveList().size(), 3u);  // three slides of 10, no parking
-  EXPECT_EQ(layout(L"f"), (Pieces{{990, 30}}));
-}
-
-TEST_F(LeftBorderTest, GapSmallerThanTheCompressionUnitParksTheFile) {
-  makeDisk(6000);
-  placeCompressed(L"c", {{1008, 4}});  // 4 units of 12 stored clusters
-  keepFreeOnly({{998, 1007}, {5000, 5199}});
-  EXPECT_TRUE(moveLeft(L"c"));
-  auto moves = probe->moveList();
-  ASSERT_GE(moves.size(), 2u);
-  EXPECT_EQ(moves.front().StartingLcn.QuadPart, 5000);
-  EXPECT_EQ(layout(L"c"), (Pieces{{998, 48}}));
-}
-
-TEST_F(LeftBorderTest, NoGapBeforeTheFileMovesNothing) {
-  makeDisk(6000);
-  place(L"f", {{1000, 30}});
-  keepFreeOnly({{1030, 1999}});
-  EXPECT_FALSE(moveLeft(L"f"));
-  EXPECT_TRUE(probe->moveList().empty());
-}
-
-class BetterPlaceTest : public SimEngineTest {
- protected:
-  bool moveBetter(const std::wstring& name) {
-    CDfrgFile& file = open(name);
-    ExtentList extents = extentsOf(file);
-    snapshot();
-    bool moved = false;
-    EXPECT_TRUE(worker.moveToBetterPlace(ctx(), file, extents, moved));
-    return moved;
-  }
-};
-
-TEST_F(BetterPlaceTest, FreeSpaceOnBothSidesAndNoBetterRunIsHandedToTheLeftMove) {
-  makeDisk(6000);
-  place(L"f", {{1000, 50}});
-  keepFreeOnly({{950, 999}, {1050, 1099}});
-  EXPECT_TRUE(moveBetter(L"f"));
-  EXPECT_EQ(layout(L"f"), (Pieces{{950, 50}}));  // slid by the whole gap
-}
-
-TEST_F(BetterPlaceTest, FileGoesToTheEndOfATighterRunOnItsRight) {
-  makeDisk(6000);
-  place(L"f", {{1000, 50}});
-  keepFreeOnly({{1050, 1059}, {3000, 3054}});
-  EXPECT_TRUE(moveBetter(L"f"));
-  // The rest of the run stays free on the side that faces the old place.
-  EXPECT_EQ(layout(L"f"), (Pieces{{3005, 50}}));
-  EXPECT_EQ(worker.movedCount, 1);
-}
-
-TEST_F(BetterPlaceTest, RunLargerThanTheHoleTheMoveWouldLeaveIsNotUsed) {
-  makeDisk(6000);
-  place(L"f", {{1000, 50}});
-  keepFreeOnly({{1050, 1059}, {3000, 3199}});  // 200 > 0 + 50 + 10
-  EXPECT_FALSE(moveBetter(L"f"));
-  EXPECT_TRUE(probe->moveList().empty());
-}
-
-TEST_F(BetterPlaceTest, FileWithoutFreeNeighboursStays) {
-  makeDisk(6000);
-  place(L"f", {{1000, 50}});
-  keepFreeOnly({{3000, 3049}});
-  EXPECT_FALSE(moveBetter(L"f"));
-  EXPECT_TRUE(probe->moveList().empty());
 }
 
 }  // namespace

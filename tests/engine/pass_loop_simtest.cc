@@ -1,7 +1,7 @@
 // The pass loop run by the engine's worker over simulated drives: which
 // volumes it treats, what it logs, the settings it leaves behind, and stop
 // and pause while files are being moved.
-#include <gtest/gtest.h>
+#include "tests/engine/sim_engine_fixture.h"
 
 #include <atomic>
 #include <chrono>
@@ -10,15 +10,10 @@
 #include "config/registry_store.h"
 #include "engine/dfrg_exception.h"
 #include "engine/engine.h"
-#include "logging/log_manager.h"
-#include "logging/log_test_util.h"
 #include "platform/registry_backend.h"
 #include "sim/sim_aging.h"
-#include "sim/sim_disk.h"
-#include "sim/sim_volume_system.h"
 #include "support/fake_env.h"
 #include "support/temp_dir.h"
-#include "support/volume_wrapper.h"
 
 namespace glidewell {
 namespace {
@@ -28,13 +23,10 @@ constexpr const char* kSettings = "SOFTWARE\\quorvane\\Quorvane Glidewell\\setti
 std::atomic<int> lastReported{0};
 void rememberError(int32_t code, const char*) { lastReported = code; }
 
-class PassLoopTest : public ::testing::Test {
+class PassLoopTest : public SimEngineTest {
  protected:
   void SetUp() override {
-    LogManager::release();
-    LogManager* m = LogManager::instance();
-    m->setGenericFactory(LogObjectFactory{testing_log::createTestLogObject, destroyLogObject});
-    recorder = dynamic_cast<testing_log::RecordingAppender*>(m->createAppender("Recording"));
+    SimEngineTest::SetUp();
     RegistryBackend::setCurrent(RegistryBackend::newMemory());
     lastReported = 0;
   }
@@ -42,7 +34,7 @@ class PassLoopTest : public ::testing::Test {
     owner.reset();
     for (auto& d : disks) EXPECT_EQ(d->verify(), "");
     RegistryBackend::setCurrent(nullptr);
-    LogManager::release();
+    SimEngineTest::TearDown();
   }
 
   std::shared_ptr<SimDisk> addDrive(wchar_t letter, std::shared_ptr<SimDisk> disk) {
@@ -106,13 +98,7 @@ class PassLoopTest : public ::testing::Test {
     ASSERT_EQ(done.wait(60000), WaitResult::kSignaled);
     owner->stop();
   }
-  std::vector<testing_log::SeenEvent> finishedPasses() {
-    std::vector<testing_log::SeenEvent> out;
-    for (auto& e : recorder->seen()) {
-      if (e.message == "Finished pass") out.push_back(e);
-    }
-    return out;
-  }
+  std::vector<testing_log::SeenEvent> finishedPasses() { return logged("Finished pass"); }
   // What a walk visits: everything but reparse points and what lies behind them.
   static long long walkable(const SimDisk& disk) {
     long long n = 0;
@@ -129,12 +115,6 @@ class PassLoopTest : public ::testing::Test {
     }
     return n;
   }
-  static std::string property(const testing_log::SeenEvent& e, const std::string& name) {
-    for (auto& p : e.properties) {
-      if (p.name() == name) return p.value();
-    }
-    return "<none>";
-  }
 
   TempDir dir;
   FakeEnv env;
@@ -142,8 +122,6 @@ class PassLoopTest : public ::testing::Test {
   Event done{false, false};
   std::unique_ptr<engine> owner;
   std::vector<std::shared_ptr<SimDisk>> disks;
-  std::shared_ptr<VolumeProbe> probe = std::make_shared<VolumeProbe>();
-  testing_log::RecordingAppender* recorder = nullptr;
 };
 
 TEST_F(PassLoopTest, NothingToChangeOnTheFirstVolumeEndsTheRunWithoutMoveLeft) {

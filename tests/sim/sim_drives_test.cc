@@ -66,8 +66,8 @@ class SimDrivesTest : public ::testing::Test {
   PosixEnv env;
 };
 
-TEST_F(SimDrivesTest, ImagesAreFixedDrivesWithTheirLabels) {
-  writeImage(L'D', L"Data");
+TEST_F(SimDrivesTest, ImagesAreFixedDrivesWithTheirLabelsAndBrokenOnesAreUnavailable) {
+  std::string path = writeImage(L'D', L"Data");
   DWORD drives = env.logicalDrives();
   EXPECT_TRUE(drives & (1u << 3));
   EXPECT_FALSE(drives & (1u << 4));
@@ -78,6 +78,13 @@ TEST_F(SimDrivesTest, ImagesAreFixedDrivesWithTheirLabels) {
   ASSERT_TRUE(env.volumeLabel(L"D:\\", &label));
   EXPECT_EQ(label, L"Data");
   EXPECT_FALSE(env.volumeLabel(L"E:\\", &label));
+  ino_t before = inodeOf(path);
+  env.openVolume(L'D').reset();
+  EXPECT_EQ(inodeOf(path), before);  // an unchanged disk is not written back
+
+  expectUnavailable(L'Q');
+  std::ofstream(env.imagePath(L'R'), std::ios::binary) << "VDFH garbage";
+  expectUnavailable(L'R');
 }
 
 TEST_F(SimDrivesTest, HandlesShareOneDiskAndTheLastCloseWritesItBackAtomically) {
@@ -111,19 +118,6 @@ TEST_F(SimDrivesTest, HandlesShareOneDiskAndTheLastCloseWritesItBackAtomically) 
   auto reloaded = loadSimImage(written.data(), written.size(), &error);
   ASSERT_TRUE(reloaded) << error;
   EXPECT_EQ(simtest::runsOf(*reloaded, L"data.bin")[0].lcn, 4000u);
-}
-
-TEST_F(SimDrivesTest, AnUnchangedDiskIsNotWrittenBack) {
-  std::string path = writeImage(L'G', L"Still");
-  ino_t before = inodeOf(path);
-  env.openVolume(L'G').reset();
-  EXPECT_EQ(inodeOf(path), before);
-}
-
-TEST_F(SimDrivesTest, MissingOrBrokenImagesAreUnavailableVolumes) {
-  expectUnavailable(L'Q');
-  std::ofstream(env.imagePath(L'R'), std::ios::binary) << "VDFH garbage";
-  expectUnavailable(L'R');
 }
 
 TEST_F(SimDrivesTest, PluggedDisksAreDrivesWithoutImages) {

@@ -54,7 +54,7 @@ uint64_t freeRun(const SimDisk& disk, uint64_t n) {
   return 0;
 }
 
-TEST(SimImageTest, SaveLoadSaveGivesTheSameBytesAndTheSameVolume) {
+TEST(SimImageTest, SaveLoadSaveGivesTheSameBytesAndTheSameVolumeWithItsFileSystemClusters) {
   SimAgingOptions o;
   o.seed = 11;
   o.totalClusters = 100003;  // not a multiple of 8
@@ -79,6 +79,16 @@ TEST(SimImageTest, SaveLoadSaveGivesTheSameBytesAndTheSameVolume) {
   EXPECT_EQ(loaded->verify(), "");
   EXPECT_EQ(save(*loaded), first);
 
+  // Clusters in use that no file owns come back as the file system's, where
+  // they were (those of the reparse points, which are not dumped, join them).
+  auto systemRanges = [](const SimDisk& d) {
+    std::vector<std::pair<uint64_t, uint64_t>> out;
+    for (const SimPiece& p : d.systemRanges()) out.push_back({p.lcn, p.length});
+    return out;
+  };
+  EXPECT_GT(systemRanges(*disk).size(), 1u);
+  auto kept = systemRanges(*loaded), original = systemRanges(*disk);
+  EXPECT_TRUE(std::includes(kept.begin(), kept.end(), original.begin(), original.end()));
   std::vector<uint8_t> a = disk->bitmapBytes(), b = loaded->bitmapBytes();
   a.resize(100003 / 8);
   b.resize(100003 / 8);
@@ -112,27 +122,6 @@ TEST(SimImageTest, SaveLoadSaveGivesTheSameBytesAndTheSameVolume) {
   EXPECT_EQ(split[3].lcn.start, split[2].lcn.end + 1);
   EXPECT_FALSE(engineExtents(*ctxBefore, L"big1.cmp", &split));  // the second reply starts with a hole
   EXPECT_EQ(split.size(), 2u);  // what the first reply held is what the image keeps
-}
-
-TEST(SimImageTest, ClustersInUseThatNoFileOwnsBecomeTheFileSystemsAndStayPut) {
-  auto disk = makeDisk(4000);
-  ASSERT_EQ(disk->reserveSystemClusters(0, 16), 0u);
-  ASSERT_EQ(disk->reserveSystemClusters(1000, 100), 0u);
-  ASSERT_EQ(disk->createFile(L"f", 4096 * 10), 0u);
-  std::string error;
-  auto loaded = load(save(*disk), &error);
-  ASSERT_TRUE(loaded) << error;
-  auto ranges = loaded->systemRanges();
-  ASSERT_EQ(ranges.size(), 2u);
-  EXPECT_EQ(ranges[1].lcn, 1000u);
-  EXPECT_EQ(ranges[1].length, 100u);
-  SimVolumeSystem volume(std::shared_ptr<SimDisk>(std::move(loaded)), L'D');
-  WIN32_FIND_DATAW data;
-  HANDLE find = volume.findFirstFile(L"D:\\*", &data);
-  ASSERT_NE(find, INVALID_HANDLE_VALUE);
-  EXPECT_EQ(std::wstring(data.cFileName), L"f");
-  EXPECT_FALSE(volume.findNextFile(find, &data));  // the file system's clusters are not listed
-  volume.findClose(find);
 }
 
 // Writes dump records by hand, to say exactly what a hostile image says.

@@ -25,7 +25,7 @@ bool eventually(Cond cond) {
   return cond();
 }
 
-TEST(EventContract, ManualResetStaysSignalledUntilReset) {
+TEST(EventContract, ManualResetStaysSignalledUntilResetAutoResetIsConsumedByAWait) {
   Event e(true, false);
   EXPECT_FALSE(e.isSet());
   EXPECT_EQ(WaitResult::kTimeout, e.wait(0));
@@ -36,17 +36,14 @@ TEST(EventContract, ManualResetStaysSignalledUntilReset) {
   e.reset();
   EXPECT_FALSE(e.isSet());
   EXPECT_EQ(WaitResult::kTimeout, e.wait(10));
-}
 
-TEST(EventContract, AutoResetIsConsumedByAWaitButNotByATest) {
-  Event e(false, true);
-  EXPECT_TRUE(e.isSet());
-  EXPECT_TRUE(e.isSet());
-  EXPECT_EQ(WaitResult::kSignaled, e.wait(0));
-  EXPECT_FALSE(e.isSet());
-  EXPECT_EQ(WaitResult::kTimeout, e.wait(0));
-  Event other(false, false);
-  EXPECT_NE(e.handleValue(), other.handleValue());
+  Event autoReset(false, true);
+  EXPECT_TRUE(autoReset.isSet());
+  EXPECT_TRUE(autoReset.isSet());  // a test does not consume it
+  EXPECT_EQ(WaitResult::kSignaled, autoReset.wait(0));
+  EXPECT_FALSE(autoReset.isSet());
+  EXPECT_EQ(WaitResult::kTimeout, autoReset.wait(0));
+  EXPECT_NE(e.handleValue(), autoReset.handleValue());
 }
 
 TEST(EventContract, AutoResetSetReleasesExactlyOneWaiter) {
@@ -79,7 +76,7 @@ TEST(EventContract, WaitReturnsAfterItsTimeout) {
   EXPECT_LT(elapsed, 5000u);
 }
 
-TEST(EventContract, WaitAnyReturnsTheLowestSignalledAndConsumesOnlyThat) {
+TEST(EventContract, WaitAnyReturnsTheLowestSignalledConsumesOnlyThatAndWakesOnASet) {
   Event manual(true, false), autoB(false, false), autoC(false, false);
   Event* events[] = {&manual, &autoB, &autoC};
   EXPECT_EQ(-1, Event::waitAny(events, 3, 0));
@@ -95,16 +92,14 @@ TEST(EventContract, WaitAnyReturnsTheLowestSignalledAndConsumesOnlyThat) {
   EXPECT_EQ(0, Event::waitAny(events, 3, 0));
   EXPECT_EQ(0, Event::waitAny(events, 3, 0));  // manual reset: still set
   EXPECT_TRUE(autoC.isSet());
-}
 
-TEST(EventContract, WaitAnyWakesWhenAnotherThreadSets) {
-  Event stop(true, false), work(false, false);
-  Event* events[] = {&stop, &work};
+  manual.reset();
+  autoC.wait(0);
   auto setter = Thread::start([&] {
     env().sleep(30);
-    work.set();
+    autoB.set();
   });
-  EXPECT_EQ(1, Event::waitAny(events, 2, kWaitInfinite));
+  EXPECT_EQ(1, Event::waitAny(events, 3, kWaitInfinite));  // woken by another thread
   setter->join();
 }
 
@@ -138,7 +133,7 @@ TEST(RecursiveLockContract, ReentrantForItsOwnerExclusiveForOthers) {
   EXPECT_EQ(40000, counter);
 }
 
-TEST(ThreadContract, RunsOnItsOwnThreadUntilJoined) {
+TEST(ThreadContract, RunsOnItsOwnThreadUntilJoinedOrDestroyed) {
   Event release(true, false);
   std::atomic<uint32_t> seenId{0};
   auto t = Thread::start([&] {
@@ -153,17 +148,15 @@ TEST(ThreadContract, RunsOnItsOwnThreadUntilJoined) {
   t->join();
   EXPECT_FALSE(t->isAlive());
   t->join();  // a second join returns at once
-}
 
-TEST(ThreadContract, DestroyingAThreadWaitsForIt) {
   std::atomic<bool> done{false};
   {
-    auto t = Thread::start([&] {
+    auto waited = Thread::start([&] {
       env().sleep(50);
       done = true;
     });
   }
-  EXPECT_TRUE(done.load());
+  EXPECT_TRUE(done.load()) << "destroying a thread waits for it";
 }
 
 TEST(TextContract, NarrowAndWidenRoundTrip) {
