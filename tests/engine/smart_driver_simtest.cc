@@ -204,11 +204,17 @@ TEST_F(SmartDriverTest, AFragmentedVolumeGetsCleanThenReactModeTreatsChangedFile
 }
 
 TEST_F(SmartDriverTest, AStoppedScanPassResumesOnTheSameVolumeAtTheInterruptedFile) {
-  probe->beforeMove = [](const MOVE_FILE_DATA&) { std::this_thread::sleep_for(std::chrono::microseconds(1500)); };
+  // Past the twentieth move every move is slow, so the stop is sure to land
+  // inside the scan pass it was meant for, however busy the machine is.
+  std::atomic<int> moved{0};
+  probe->beforeMove = [&moved](const MOVE_FILE_DATA&) {
+    int n = ++moved;
+    std::this_thread::sleep_for(std::chrono::microseconds(n > 20 ? 30000 : 1500));
+  };
   auto c = addDrive(L'C', agedDisk(41, 1u << 15, 1500));
   auto d = addDrive(L'D', agedDisk(42, 1u << 15, 1500));
   start();
-  ASSERT_TRUE(waitUntil([&] { return probe->moveList().size() > 20; }));
+  ASSERT_TRUE(waitUntil([&] { return moved.load() > 20; }));
   owner->stop();
   owner.reset();
   std::wstring resume = savedResumePath();
