@@ -62,6 +62,8 @@ class CExtentSnapshot {
   // The index kept in step with freeExtents, or null (when the list no
   // longer points to it, it is not used either).
   FreeRunIndex* liveIndex() { return index_ != nullptr && freeExtents.index() == index_.get() ? index_.get() : nullptr; }
+  // Whether this snapshot was built to keep an index.
+  bool hasIndex() const { return index_ != nullptr; }
   // Clearing the list sets the index aside (searches then walk the list);
   // the full scan that follows every clearing appends the runs in order and
   // builds the index once from the list when it ends.

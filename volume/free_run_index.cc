@@ -4,8 +4,6 @@
 #include <atomic>
 #include <vector>
 
-#include "engine/dfrg_exception.h"
-
 namespace glidewell {
 
 namespace {
@@ -31,19 +29,16 @@ FreeRunIndex::ByStart::Cursor FreeRunIndex::find(Run run) const {
   return byStart_.end();
 }
 
-void FreeRunIndex::erase(Run run) {
+bool FreeRunIndex::erase(Run run) {
   ByStart::Cursor c = find(run);
-  // A run the index never saw means the snapshot changed a run behind its
-  // back: every later answer would be wrong.
-  if (byStart_.atEnd(c)) throw CDfrgException(ErrorInternal, "free-run index out of step with the snapshot");
+  if (byStart_.atEnd(c)) return false;
   const uint64_t length = byStart_.at(c).length;
-  byStart_.erase(c);
   BySize::Cursor s = bySize_.lowerBound({length, run->start});
-  if (bySize_.atEnd(s) || bySize_.at(s).start != run->start) {
-    throw CDfrgException(ErrorInternal, "free-run index out of step with the snapshot");
-  }
+  if (bySize_.atEnd(s) || bySize_.at(s).start != run->start || bySize_.at(s).length != length) return false;
+  byStart_.erase(c);
   bySize_.erase(s);
   total_ -= length;
+  return true;
 }
 
 void FreeRunIndex::clear() {

@@ -43,8 +43,9 @@ class FreeRunIndex {
   // After the run is in the list with its values.
   void insert(Run run);
   // Before the run leaves the list or changes; its values must be the ones
-  // it was inserted with.
-  void erase(Run run);
+  // it was inserted with. False for a run the index does not hold: then the
+  // index no longer describes the list and must not be used until rebuilt.
+  [[nodiscard]] bool erase(Run run);
   void clear();
   // Describes `runs` afresh (ordered by start): what a full scan, which
   // appends every run in order, calls once at its end instead of insert.

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <list>
 #include <memory>
 #include <random>
 #include <string>
@@ -321,6 +322,19 @@ TEST(FreeRunIndexTest, OnlyTheSnapshotsOwnListHasAnIndex) {
   IndexSwitch off(false);
   ASSERT_TRUE(makeExtentSnapshot(ctx));
   EXPECT_EQ(ctx.snapshot->freeExtents.index(), nullptr);
+}
+
+TEST(FreeRunIndexTest, RefusesToForgetARunItWasNotTold) {
+  std::list<ClusterRange> runs{ClusterRange(0, 9), ClusterRange(20, 29), ClusterRange(40, 49)};
+  FreeRunIndex index;
+  index.insert(runs.begin());
+  index.insert(std::next(runs.begin()));
+  EXPECT_FALSE(index.erase(std::prev(runs.end())));
+  runs.begin()->start = 5;  // moved behind the index's back
+  EXPECT_FALSE(index.erase(runs.begin()));
+  EXPECT_EQ(index.size(), 2u);
+  EXPECT_TRUE(index.erase(std::next(runs.begin())));
+  EXPECT_EQ(index.totalClusters(), 10u);  // [0, 9] as it was told
 }
 
 TEST(FreeRunIndexTest, StaysSmallForAMillionRuns) {
