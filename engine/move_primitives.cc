@@ -92,7 +92,7 @@ uint64_t getLargestSubRunInList(const ExtentList& extents) {
   return largest;
 }
 
-uint64_t findBestFit(const FreeExtentList& runs, uint64_t needed, uint64_t excludeStart) {
+uint64_t findBestFitLinear(const FreeExtentList& runs, uint64_t needed, uint64_t excludeStart) {
   uint64_t best = kNoCluster;
   uint64_t bestLength = 0;
   for (const ClusterRange& r : runs) {
@@ -107,14 +107,14 @@ uint64_t findBestFit(const FreeExtentList& runs, uint64_t needed, uint64_t exclu
   return best;
 }
 
-uint64_t findFirstFit(const FreeExtentList& runs, uint64_t needed) {
+uint64_t findFirstFitLinear(const FreeExtentList& runs, uint64_t needed) {
   for (const ClusterRange& r : runs) {
     if (r.length() >= needed) return r.start;
   }
   return kNoCluster;
 }
 
-uint64_t getFreeRunLengthAt(const FreeExtentList& runs, uint64_t lcn) {
+uint64_t getFreeRunLengthAtLinear(const FreeExtentList& runs, uint64_t lcn) {
   for (const ClusterRange& r : runs) {
     if (r.start == lcn) return r.length();
     if (r.start > lcn) return 0;
@@ -122,7 +122,7 @@ uint64_t getFreeRunLengthAt(const FreeExtentList& runs, uint64_t lcn) {
   return 0;
 }
 
-uint64_t getFreeRunLengthEndingAt(const FreeExtentList& runs, uint64_t lcn) {
+uint64_t getFreeRunLengthEndingAtLinear(const FreeExtentList& runs, uint64_t lcn) {
   if (lcn == kNoCluster || lcn == 0) return 0;
   for (const ClusterRange& r : runs) {
     if (r.end == lcn - 1) return r.length();
@@ -131,7 +131,7 @@ uint64_t getFreeRunLengthEndingAt(const FreeExtentList& runs, uint64_t lcn) {
   return 0;
 }
 
-uint64_t findFreeRunBefore(const FreeExtentList& runs, uint64_t lcn) {
+uint64_t findFreeRunBeforeLinear(const FreeExtentList& runs, uint64_t lcn) {
   if (lcn == kNoCluster || lcn == 0) return kNoCluster;
   for (const ClusterRange& r : runs) {
     if (r.end == lcn - 1) return r.start;
@@ -140,12 +140,48 @@ uint64_t findFreeRunBefore(const FreeExtentList& runs, uint64_t lcn) {
   return kNoCluster;
 }
 
+int64_t getTotalFreeClustersLinear(const FreeExtentList& runs) {
+  int64_t total = 0;
+  for (const ClusterRange& r : runs) total += static_cast<int64_t>(r.length());
+  return total;
+}
+
+uint64_t findBestFit(const FreeExtentList& runs, uint64_t needed, uint64_t excludeStart) {
+  if (const FreeRunIndex* index = runs.index()) return index->bestFit(needed, excludeStart);
+  return findBestFitLinear(runs, needed, excludeStart);
+}
+
+uint64_t findFirstFit(const FreeExtentList& runs, uint64_t needed) {
+  if (const FreeRunIndex* index = runs.index()) return index->firstFit(needed);
+  return findFirstFitLinear(runs, needed);
+}
+
+uint64_t getFreeRunLengthAt(const FreeExtentList& runs, uint64_t lcn) {
+  if (const FreeRunIndex* index = runs.index()) return index->lengthAt(lcn);
+  return getFreeRunLengthAtLinear(runs, lcn);
+}
+
+uint64_t getFreeRunLengthEndingAt(const FreeExtentList& runs, uint64_t lcn) {
+  if (const FreeRunIndex* index = runs.index()) {
+    ClusterRange run;
+    return index->runEndingBefore(lcn, &run) ? run.length() : 0;
+  }
+  return getFreeRunLengthEndingAtLinear(runs, lcn);
+}
+
+uint64_t findFreeRunBefore(const FreeExtentList& runs, uint64_t lcn) {
+  if (const FreeRunIndex* index = runs.index()) {
+    ClusterRange run;
+    return index->runEndingBefore(lcn, &run) ? run.start : kNoCluster;
+  }
+  return findFreeRunBeforeLinear(runs, lcn);
+}
+
 int64_t getTotalFreeClusters(CDfrgContext& ctx) {
   const FreeExtentList* runs = nullptr;
   if (!getSnapshot(ctx, &runs) || runs == nullptr) return -1;
-  int64_t total = 0;
-  for (const ClusterRange& r : *runs) total += static_cast<int64_t>(r.length());
-  return total;
+  if (const FreeRunIndex* index = runs->index()) return static_cast<int64_t>(index->totalClusters());
+  return getTotalFreeClustersLinear(*runs);
 }
 
 int32_t moveClusters(CDfrgFile& file, uint64_t targetLcn, uint64_t count, uint64_t startVcn) {

@@ -31,6 +31,10 @@ uint64_t getHighestLcnEnd(const ExtentList& extents);
 uint64_t getLargestSubRunInList(const ExtentList& extents);
 
 // --- Over the free runs ---
+// A list with an index (a snapshot's own list) is searched through it; any
+// other list is walked. Both give the same answers (the index is tested
+// against the walks below, which stay as the reference).
+//
 // The start of the smallest run of at least `needed` clusters that does not
 // start at excludeStart: the first such run, replaced only by a strictly
 // shorter one, the search ending at the first exact fit. kNoCluster when none.
@@ -45,6 +49,14 @@ uint64_t getFreeRunLengthEndingAt(const FreeExtentList& runs, uint64_t lcn);
 uint64_t findFreeRunBefore(const FreeExtentList& runs, uint64_t lcn);
 // Sum of the free runs of the context's snapshot, -1 when it has none.
 int64_t getTotalFreeClusters(CDfrgContext& ctx);
+
+// The same searches as walks over the list, whatever index it has.
+uint64_t findBestFitLinear(const FreeExtentList& runs, uint64_t needed, uint64_t excludeStart);
+uint64_t findFirstFitLinear(const FreeExtentList& runs, uint64_t needed);
+uint64_t getFreeRunLengthAtLinear(const FreeExtentList& runs, uint64_t lcn);
+uint64_t getFreeRunLengthEndingAtLinear(const FreeExtentList& runs, uint64_t lcn);
+uint64_t findFreeRunBeforeLinear(const FreeExtentList& runs, uint64_t lcn);
+int64_t getTotalFreeClustersLinear(const FreeExtentList& runs);
 
 // --- Moves --- (status: 0 done, 5 access denied, 87 rejected parameters,
 // -18 granularity above MaxClusterMoveCount, -19 boundary or count not found,

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <optional>
 #include <vector>
 
 #include "config/dfrg_config.h"
@@ -30,6 +33,55 @@ uint64_t maxExtentListSize(CDfrgContext& ctx) {
   return config != nullptr ? config->maxExtentListSize() : CDfrgConfig::kDefaultMaxExtentListSize;
 }
 
+// Every change to the list goes through these four, so that the index (when
+// the snapshot has one) describes the list at all times.
+Run insertRun(CExtentSnapshot& snap, Run before, const ClusterRange& range) {
+  Run run;
+  if (snap.spareRuns.empty()) {
+    run = snap.freeExtents.insert(before, range);
+  } else {
+    snap.freeExtents.splice(before, snap.spareRuns, snap.spareRuns.begin());
+    run = std::prev(before);
+    *run = range;
+  }
+  if (FreeRunIndex* index = snap.liveIndex()) index->insert(run);
+  return run;
+}
+
+// An index that lost track of a run (which the tests say cannot happen) is
+// set aside until the next full scan rebuilds it; the searches walk the list
+// meanwhile, so the answers stay right.
+void unindex(CExtentSnapshot& snap, Run run) {
+  FreeRunIndex* index = snap.liveIndex();
+  if (index != nullptr && !index->erase(run)) snap.suspendIndex();
+}
+
+Run eraseRun(CExtentSnapshot& snap, Run run) {
+  unindex(snap, run);
+  return snap.freeExtents.erase(run);
+}
+
+// Changes a run in place; its position in the list stays.
+void setRun(CExtentSnapshot& snap, Run run, uint64_t start, uint64_t end) {
+  unindex(snap, run);
+  run->start = start;
+  run->end = end;
+  if (FreeRunIndex* index = snap.liveIndex()) index->insert(run);
+}
+
+// With an index, the cleared runs' nodes are kept for the full scan that
+// follows every clearing (see spareRuns). Without one they are freed: the
+// searches walk the list, and a list allocated afresh in LCN order walks
+// faster than one whose nodes lie where earlier runs left them.
+void clearRuns(CExtentSnapshot& snap) {
+  if (snap.hasIndex()) {
+    snap.spareRuns.splice(snap.spareRuns.end(), snap.freeExtents);
+  } else {
+    snap.freeExtents.clear();
+  }
+  snap.suspendIndex();
+}
+
 CExtentSnapshot& ensureSnapshot(CDfrgContext& ctx) {
   if (!ctx.snapshot) ctx.snapshot = std::make_unique<CExtentSnapshot>();
   return *ctx.snapshot;
@@ -37,13 +89,17 @@ CExtentSnapshot& ensureSnapshot(CDfrgContext& ctx) {
 
 void clearSnapshot(CDfrgContext& ctx) {
   CExtentSnapshot& snap = ensureSnapshot(ctx);
-  snap.freeExtents.clear();
+  clearRuns(snap);
   snap.evictionCandidate = snap.freeExtents.end();
 }
 
 // The shortest run (the first of equal ones) becomes the eviction candidate.
 void chooseShortestCandidate(CExtentSnapshot& snap) {
   FreeExtentList& list = snap.freeExtents;
+  if (FreeRunIndex* index = snap.liveIndex()) {
+    snap.evictionCandidate = index->shortest(list.end());
+    return;
+  }
   Run best = list.end();
   for (Run it = list.begin(); it != list.end(); ++it) {
     if (best == list.end() || it->length() < best->length()) best = it;
@@ -67,42 +123,42 @@ bool mergeWithSuccessor(CExtentSnapshot& snap, Run& a) {
   if (b == list.end()) return false;
   if (*a == *b) {
     if (candidate == a) candidate = list.end();
-    list.erase(a);
+    eraseRun(snap, a);
     a = b;
     return true;
   }
   if (b->end + 1 == a->start) {
-    b->end += a->length();
+    setRun(snap, b, b->start, b->end + a->length());
     if (candidate == a || candidate == b) candidate = list.end();
-    list.erase(a);
+    eraseRun(snap, a);
     a = b;
     return true;
   }
   if (a->end + 1 == b->start) {
-    a->end += b->length();
+    setRun(snap, a, a->start, a->end + b->length());
     if (candidate == a || candidate == b) candidate = list.end();
-    list.erase(b);
+    eraseRun(snap, b);
     return true;
   }
   if (b->start <= a->start && a->end <= b->end) {
     if (candidate == a) candidate = list.end();
-    list.erase(a);
+    eraseRun(snap, a);
     a = b;
     return true;
   }
   if (a->start <= b->start && b->end <= a->end) {
     if (candidate == b) candidate = list.end();
-    list.erase(b);
+    eraseRun(snap, b);
     return true;
   }
   if (a->start <= b->end && b->start <= a->end) {
     if (candidate == a || candidate == b) candidate = list.end();
     if (a->start <= b->start) {
-      a->end = b->end;
-      list.erase(b);
+      setRun(snap, a, a->start, b->end);
+      eraseRun(snap, b);
     } else {
-      b->end = a->end;
-      list.erase(a);
+      setRun(snap, b, b->start, a->end);
+      eraseRun(snap, a);
       a = b;
     }
     return true;
@@ -125,6 +181,28 @@ uint16_t load16(const uint8_t* p) {
   std::memcpy(&v, p, sizeof v);
   return v;
 }
+
+// The end of a full scan, also when a stop request ends it early: the spare
+// nodes are freed and the index is built from the list. Without memory for
+// the index it stays aside, and the searches walk the list.
+class FullScanEnd {
+ public:
+  explicit FullScanEnd(CDfrgContext& ctx) : ctx_(ctx) {}
+  ~FullScanEnd() {
+    ScopedLock guard(ctx_.lock);
+    if (!ctx_.snapshot) return;
+    ctx_.snapshot->spareRuns.clear();
+    try {
+      ctx_.snapshot->resumeIndex();
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  FullScanEnd(const FullScanEnd&) = delete;
+  FullScanEnd& operator=(const FullScanEnd&) = delete;
+
+ private:
+  CDfrgContext& ctx_;
+};
 
 // The two open runs of a bitmap walk and what closing them does to the list.
 class BitmapWalk {
@@ -205,6 +283,19 @@ class BitmapWalk {
 
 }  // namespace
 
+CExtentSnapshot::CExtentSnapshot() : evictionCandidate(freeExtents.end()) {
+  if (freeRunIndexEnabled()) {
+    index_ = std::make_unique<FreeRunIndex>();
+    freeExtents.index_ = index_.get();
+  }
+}
+
+void CExtentSnapshot::resumeIndex() {
+  if (index_ == nullptr || freeExtents.index_ == index_.get()) return;
+  index_->rebuild(freeExtents);
+  freeExtents.index_ = index_.get();
+}
+
 bool getSnapshot(CDfrgContext& ctx, const FreeExtentList** list) {
   ScopedLock guard(ctx.lock);
   if (!ctx.snapshot) {
@@ -225,16 +316,20 @@ void addFreeExtent(CDfrgContext& ctx, const ClusterRange& range, bool incrementa
     if (maxSize == 0) return;
     if (snap.evictionCandidate == list.end()) chooseShortestCandidate(snap);
     if (range.length() <= snap.evictionCandidate->length()) return;
-    list.erase(snap.evictionCandidate);
+    eraseRun(snap, snap.evictionCandidate);
     snap.evictionCandidate = list.end();
   }
 
   Run pos;
   if (!incremental) {
-    pos = list.insert(list.end(), range);  // a full scan delivers runs in LCN order
+    pos = insertRun(snap, list.end(), range);  // a full scan delivers runs in LCN order
   } else {
-    Run at = std::find_if(list.begin(), list.end(), [&](const ClusterRange& r) { return r.start >= range.start; });
-    pos = list.insert(at, range);
+    // Before the first run that starts at or after the new one.
+    FreeRunIndex* index = snap.liveIndex();
+    Run at = index != nullptr ? index->firstStartingAtOrAfter(range.start, list.end())
+                              : std::find_if(list.begin(), list.end(),
+                                             [&](const ClusterRange& r) { return r.start >= range.start; });
+    pos = insertRun(snap, at, range);
   }
   if (snap.evictionCandidate == list.end() || list.size() == 1) {
     snap.evictionCandidate = pos;
@@ -267,7 +362,10 @@ void removeUsedRange(CDfrgContext& ctx, const ClusterRange& range) {
   const uint64_t a = range.start;
   const uint64_t b = range.end;
   bool changed = false;
-  for (Run it = list.begin(); it != list.end() && it->start <= b;) {
+  // Runs that end before a are kept; the index skips them at once.
+  FreeRunIndex* index = snap.liveIndex();
+  Run first = index != nullptr ? index->firstEndingAtOrAfter(a, list.end()) : list.begin();
+  for (Run it = first; it != list.end() && it->start <= b;) {
     if (it->end < a) {
       ++it;
       continue;
@@ -277,31 +375,31 @@ void removeUsedRange(CDfrgContext& ctx, const ClusterRange& range) {
     bool keepRight = it->end > b;
     if (!keepLeft && !keepRight) {
       if (snap.evictionCandidate == it) snap.evictionCandidate = list.end();
-      it = list.erase(it);
+      it = eraseRun(snap, it);
       continue;
     }
     if (keepLeft && keepRight) {
       // The run is cut in two. A full list takes the second piece only as it
       // takes any new run: in place of a shorter eviction candidate.
       ClusterRange rightPiece(b + 1, it->end);
-      it->end = a - 1;
+      setRun(snap, it, it->start, a - 1);
       offerAsCandidate(snap, it);
       Run after = std::next(it);
       if (list.size() >= maxExtentListSize(ctx)) {
         if (snap.evictionCandidate == list.end()) chooseShortestCandidate(snap);
         if (rightPiece.length() <= snap.evictionCandidate->length()) break;
-        Run following = list.erase(snap.evictionCandidate);
+        Run following = eraseRun(snap, snap.evictionCandidate);
         if (snap.evictionCandidate == after) after = following;
         snap.evictionCandidate = list.end();
       }
-      Run right = list.insert(after, rightPiece);
+      Run right = insertRun(snap, after, rightPiece);
       offerAsCandidate(snap, right);
       break;  // runs are disjoint: nothing further can overlap [a, b]
     }
     if (keepLeft) {
-      it->end = a - 1;
+      setRun(snap, it, it->start, a - 1);
     } else {
-      it->start = b + 1;
+      setRun(snap, it, b + 1, it->end);
     }
     offerAsCandidate(snap, it);
     ++it;
@@ -317,6 +415,8 @@ bool scanBitmap(CDfrgContext& ctx, uint64_t start, uint64_t end, bool incrementa
     ScopedLock guard(ctx.lock);
     clearSnapshot(ctx);
   }
+  std::optional<FullScanEnd> fullScanEnd;
+  if (!incremental) fullScanEnd.emplace(ctx);
   if (totalClusters == 0 || start >= totalClusters || (ranged && start > end)) return true;
 
   // In a ranged scan [start, end] with start < end the bit of end itself is
@@ -328,8 +428,9 @@ bool scanBitmap(CDfrgContext& ctx, uint64_t start, uint64_t end, bool incrementa
   lastExamined = std::min(lastExamined, totalClusters - 1);
   const bool needEndBit = endBitInherited && end < totalClusters;
 
-  std::vector<uint64_t> storage(kBitmapBufferBytes / 8);  // 8-byte aligned
-  uint8_t* buffer = reinterpret_cast<uint8_t*>(storage.data());
+  // 8-byte aligned, and not cleared: only the bytes a reply returns are read.
+  std::unique_ptr<uint64_t[]> storage(new uint64_t[kBitmapBufferBytes / 8]);
+  uint8_t* buffer = reinterpret_cast<uint8_t*>(storage.get());
   BitmapWalk walk(ctx, incremental);
   uint64_t next = start;  // the next cluster to examine
   bool reachedEnd = false;
