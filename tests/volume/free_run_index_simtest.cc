@@ -13,7 +13,7 @@
 #include "platform/env.h"
 #include "sim/sim_aging.h"
 #include "sim/sim_volume_system.h"
-#include "support/registry_fake_env.h"
+#include "support/fake_env.h"
 #include "volume/extent_snapshot.h"
 #include "volume/free_run_index.h"
 
@@ -72,7 +72,7 @@ bool sameFiles(const std::vector<SimFileInfo>& a, const std::vector<SimFileInfo>
 
 TEST(FreeRunIndexSimTest, PassesWithAndWithoutTheIndexLeaveIdenticalDisks) {
   FrozenClockEnv clock;
-  test::ScopedEnvOverride env(&clock);
+  ScopedEnv env(&clock);
   SimAgingOptions options;
   options.seed = 31;
   options.totalClusters = 4000 * 48;
