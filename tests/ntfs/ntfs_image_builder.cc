@@ -203,25 +203,23 @@ std::string ageImage(const std::string& path, const AgingPlan& plan) {
       sizes[name] += static_cast<int64_t>(n);
     }
   }
-  for (int i = 0; i < plan.largeFiles; ++i) {
-    for (uint32_t done = 0; done < plan.largeClusters;) {
-      for (int j = 0; j < plan.largeFiles && done < plan.largeClusters; ++j) {
-        std::string name = "large" + std::to_string(j) + ".dat";
-        uint32_t piece = std::min<uint32_t>(32 + rng() % 64, plan.largeClusters - done);
-        if (!w.write(name, sizes[name], randomBytes(rng, piece * cluster))) return w.error;
-        sizes[name] += piece * cluster;
-        if (j + 1 == plan.largeFiles) done += piece;
-      }
+  // Large files grow side by side in pieces of 32-95 clusters.
+  for (uint32_t done = 0; done < plan.largeClusters;) {
+    uint32_t piece = std::min<uint32_t>(32 + rng() % 64, plan.largeClusters - done);
+    for (int j = 0; j < plan.largeFiles; ++j) {
+      std::string name = "large" + std::to_string(j) + ".dat";
+      if (!w.write(name, sizes[name], randomBytes(rng, piece * cluster))) return w.error;
+      sizes[name] += piece * cluster;
     }
-    break;
+    done += piece;
   }
   for (const std::string& name : names) {
     if (std::uniform_real_distribution<double>(0, 1)(rng) < plan.deleteShare && !w.remove(name)) return w.error;
   }
   if (plan.extras) {
     bool ok = w.write("small.txt", 0, randomBytes(rng, 300)) &&  // resident: lives in its file record
-              w.write("Twin.txt", 0, randomBytes(rng, 5 * cluster)) &&
-              w.write("twin.TXT", 0, randomBytes(rng, 7 * cluster)) &&
+              (!plan.caseTwins || (w.write("Twin.txt", 0, randomBytes(rng, 5 * cluster)) &&
+                                   w.write("twin.TXT", 0, randomBytes(rng, 7 * cluster)))) &&
               w.write("packed/log.txt", 0, compressibleBytes(rng, 40 * cluster), true) &&
               w.write("holes.img", 64 * int64_t{cluster}, randomBytes(rng, 8 * cluster)) &&  // starts with a hole
               w.write("holes.img", 200 * int64_t{cluster}, randomBytes(rng, 8 * cluster));

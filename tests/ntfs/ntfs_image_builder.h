@@ -22,7 +22,8 @@ struct AgingPlan {
   double deleteShare = 0.3;  // files deleted afterwards, leaving holes
   int largeFiles = 2;        // of largeClusters each, written in interleaved pieces
   uint32_t largeClusters = 512;
-  bool extras = true;        // resident, compressed, sparse, case twins, an attribute-list file
+  bool extras = true;        // resident, compressed and sparse files
+  bool caseTwins = true;     // two names that differ only in case
 };
 
 // Populates and ages an image made by makeImage; "" or the error.
