@@ -152,11 +152,12 @@ uint32_t NtfsMover::move(uint64_t mftNo, int64_t vcn, int64_t lcn, uint32_t coun
   if (!allFree(lcn, stored, &ioError)) return ioError ? kNtfsReadFault : kNtfsInvalidParameter;
 
   // 1. The target is ours before anything points at it.
-  if (!markClusters(lcn, stored, true) || !flush()) {
+  if (!markClusters(lcn, stored, true)) {
     markClusters(lcn, stored, false);
     return kNtfsWriteFault;
   }
-  // 2. The bytes are at the target before the map says so.
+  // 2. The bytes are at the target before the map says so. One flush covers
+  // steps 1 and 2: until the map changes, nothing depends on either.
   uint32_t error = kNtfsOk;
   int64_t to = lcn;
   for (const Piece& p : pieces) {
@@ -180,9 +181,10 @@ uint32_t NtfsMover::move(uint64_t mftNo, int64_t vcn, int64_t lcn, uint32_t coun
     }
     return kNtfsWriteFault;
   }
-  // 4. The old clusters are free again. A failure here only leaks them.
+  // 4. The old clusters are free again. A failure here, or a crash before
+  // the next flush, only leaks them, so this step is flushed by the next move
+  // (or when the volume is closed).
   for (const Piece& p : pieces) markClusters(p.lcn, p.length, false);
-  flush();
   return kNtfsOk;
 }
 

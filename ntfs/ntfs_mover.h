@@ -1,12 +1,12 @@
 // NtfsMover: moves clusters of a file's unnamed data stream to a free place,
 // keeping every byte of the file readable at every instant.
 //
-// Order of work, each step flushed to the device before the next begins:
+// Order of work:
 //   1. mark the target clusters used in $Bitmap;
-//   2. copy the clusters there;
+//   2. copy the clusters there; flush the device (steps 1 and 2);
 //   3. rewrite the runlist (the mapping pairs, in every record of an
-//      attribute list) and write the file's MFT records;
-//   4. free the old clusters in $Bitmap.
+//      attribute list), write the file's MFT records and flush;
+//   4. free the old clusters in $Bitmap (flushed with the next move).
 // Killed anywhere, the file reads its old clusters (before 3) or its new ones
 // (after 3), which hold the same bytes; the worst case is clusters marked used
 // that no file owns, which ntfsfix or chkdsk reclaim.

@@ -77,13 +77,21 @@ class Writer {
   }
 
   bool remove(const std::string& path) {
+    // ntfs_delete takes the directory's inode too and releases it, so the
+    // directory is opened afresh for it and no cached inode is held across it.
+    for (auto& dir : dirs_) ntfs_inode_close(dir.second);
+    dirs_.clear();
     size_t cut = path.find_last_of('/');
-    ntfs_inode* dir = directory(cut == std::string::npos ? "" : path.substr(0, cut));
+    std::string dirPath = cut == std::string::npos ? "" : path.substr(0, cut);
+    ntfs_inode* dir = directory(dirPath);
+    for (auto& d : dirs_) {
+      if (d.second != dir) ntfs_inode_close(d.second);
+    }
+    dirs_.clear();
     std::string name = cut == std::string::npos ? path : path.substr(cut + 1);
     ntfs_inode* ni = dir ? openChild(dir, name) : nullptr;
     if (ni == nullptr) return fail("cannot open " + path);
     std::u16string u = utf16(name);
-    // The library closes the file's inode; the directory stays ours.
     if (ntfs_delete(vol_.get(), nullptr, ni, dir, reinterpret_cast<ntfschar*>(&u[0]), static_cast<u8>(u.size())) != 0) {
       return fail("cannot delete " + path + ": " + strerror(errno));
     }
