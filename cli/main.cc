@@ -56,7 +56,7 @@ int main(int argc, char** argv) {
 
   AnalyzeOptions analyze;
   CLI::App* analyzeCmd = app.add_subcommand("analyze", "Measure one drive image");
-  analyzeCmd->add_option("IMAGE", analyze.image, "The drive image (.vdf)")->required();
+  analyzeCmd->add_option("IMAGE", analyze.image, "The drive image (.vdf), or an NTFS image or block device")->required();
   analyzeCmd->add_option("--png", analyze.png, "Also draw its cluster map into this PNG file");
 
   AgeOptions age;
@@ -76,7 +76,7 @@ int main(int argc, char** argv) {
   CLI::App* runCmd = app.add_subcommand(
       "run", "Run one pass over images (they become drives C:, D:, ...); the originals are replaced only after a "
              "good run");
-  runCmd->add_option("IMAGE", run.images, "Drive images (.vdf)")->required();
+  runCmd->add_option("IMAGE", run.images, "Drive images (.vdf), or NTFS images or block devices (defragmented in place)")->required();
   runCmd->add_option("--mode", run.mode, "1: the pass loop (the only mode the exported functions start)")
       ->check(CLI::IsMember({0, 1}))
       ->capture_default_str();

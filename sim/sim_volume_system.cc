@@ -105,26 +105,7 @@ int32_t SimVolumeSystem::getFileSystemType() {
   return kFileSystemUnknown;
 }
 
-bool SimVolumeSystem::getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) {
-  uint64_t total = disk_->totalClusters();
-  std::unique_ptr<uint8_t[]> result(new uint8_t[(total + 7) / 8]());
-  std::vector<uint8_t> work(kBitmapReplyBytes);
-  int64_t next = 0;
-  for (;;) {
-    DWORD returned = 0;
-    BOOL ok = getVolumeBitmapChunk(&next, work.data(), kBitmapReplyBytes, &returned);
-    DWORD error = ok ? ERROR_SUCCESS : GetLastError();
-    if (!ok && error != ERROR_MORE_DATA) break;
-    int64_t start, size;
-    std::memcpy(&start, work.data(), 8);
-    std::memcpy(&size, work.data() + 8, 8);
-    std::memcpy(result.get() + start / 8, work.data() + kBitmapReplyHeaderBytes, returned - kBitmapReplyHeaderBytes);
-    if (ok) break;
-    next = start + std::min<int64_t>(size, static_cast<int64_t>(kBitmapReplyClusters));
-  }
-  *bitmap = std::move(result);
-  return true;
-}
+bool SimVolumeSystem::getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) { return readWholeBitmap(*this, bitmap); }
 
 void SimVolumeSystem::getExtendedStatistics(uint64_t* first, uint64_t* second) {
   SimStats stats = disk_->stats();

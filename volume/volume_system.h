@@ -38,6 +38,12 @@ enum FileSystemType : int32_t {
 // "NTFS", "FAT 16", "FAT 32" or "unknown", as log records show the type.
 std::string fileSystemName(int32_t type);
 
+class CVolumeSystem;
+// getVolumeBitmap built on the volume's getVolumeBitmapChunk: reply after
+// reply of kBitmapReplyBytes until the last; a failing reply ends the read
+// with the rest left free. Always true.
+bool readWholeBitmap(CVolumeSystem& volume, std::unique_ptr<uint8_t[]>* bitmap);
+
 class CVolumeSystem {
  public:
   virtual ~CVolumeSystem() = default;

@@ -85,32 +85,7 @@ void CWinVolumeSystem::readGeometry() {
   bytesPerCluster_ = sectorsPerCluster * bytesPerSector;
 }
 
-bool CWinVolumeSystem::getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) {
-  const uint64_t bytes = (totalClusters_ + 7) / 8;
-  *bitmap = std::make_unique<uint8_t[]>(static_cast<size_t>(bytes));
-  uint8_t* result = bitmap->get();
-  std::vector<uint64_t> storage(kBitmapReplyBytes / 8);
-  auto* reply = reinterpret_cast<VOLUME_BITMAP_BUFFER*>(storage.data());
-  int64_t start = 0;
-  for (;;) {
-    DWORD returned = 0;
-    BOOL ok = DeviceIoControl(volumeHandle_.get(), FSCTL_GET_VOLUME_BITMAP, &start, sizeof start, reply,
-                              kBitmapReplyBytes, &returned, nullptr);
-    if (!ok && GetLastError() != ERROR_MORE_DATA) break;
-    if (returned < kBitmapReplyHeaderBytes) break;
-    // The file system rounds the starting LCN down to a multiple of 8.
-    uint64_t at = static_cast<uint64_t>(reply->StartingLcn.QuadPart) / 8;
-    if (at < bytes) {
-      size_t n = static_cast<size_t>(std::min<uint64_t>(returned - kBitmapReplyHeaderBytes, bytes - at));
-      std::memcpy(result + at, reply->Buffer, n);
-    }
-    if (ok) break;
-    uint64_t step = std::min<uint64_t>(static_cast<uint64_t>(reply->BitmapSize.QuadPart), kBitmapReplyClusters);
-    if (step == 0) break;
-    start = reply->StartingLcn.QuadPart + static_cast<int64_t>(step);
-  }
-  return true;
-}
+bool CWinVolumeSystem::getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) { return readWholeBitmap(*this, bitmap); }
 
 void CWinVolumeSystem::getExtendedStatistics(uint64_t*, uint64_t*) { throw std::string("not Implemented"); }
 
