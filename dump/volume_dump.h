@@ -43,6 +43,7 @@ void getFileList(CVolumeSystem& volume, const std::wstring& dir, std::vector<Dum
 // Writes the entries: path relative to the root, isDirectory, extent count and
 // each extent's first and last LCN. A file that cannot be opened is written
 // with no extents.
+// (The name, spelling included, is the one the dump's log lines carry.)
 void writeEntrys(CVolumeContext* ctx, std::FILE* file, std::vector<DumpEntry>& entries);
 
 }  // namespace glidewell

@@ -26,7 +26,7 @@ enum ErrorCode : int32_t {
   ErrorNameNotFound = -7,
   ErrorEnumeratingInstances = -8,
   ErrorAddingPerformanceCounter = -9,
-  ErrorQueringPerformanceCounter = -10,
+  ErrorQueringPerformanceCounter = -10,  // spelled as hosts and logs know it
   ErrorFindingPerformanceIndex = -11,
   ErrorInitialising = -13,
   ErrorOpenFile = -15,
