@@ -36,14 +36,8 @@ class BitmapVolume : public SimVolumeSystem {
   std::vector<uint8_t> bitmap;
   // Bitmap requests from this LCN on fail with ERROR_READ_FAULT.
   uint64_t failBitmapFrom = kNoCluster;
-  // Every bitmap request's starting LCN.
+  // Every bitmap request's starting LCN (for the benchmark).
   std::vector<int64_t> bitmapRequests;
-
-  bool getVolumeBitmap(std::unique_ptr<uint8_t[]>* out) override {
-    *out = std::make_unique<uint8_t[]>(bitmap.size());
-    std::memcpy(out->get(), bitmap.data(), bitmap.size());
-    return true;
-  }
   BOOL getVolumeBitmapChunk(const int64_t* startingLcn, void* buffer, DWORD size, DWORD* returned) override {
     bitmapRequests.push_back(*startingLcn);
     uint64_t start = static_cast<uint64_t>(*startingLcn) & ~uint64_t{7};
