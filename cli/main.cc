@@ -74,14 +74,20 @@ int main(int argc, char** argv) {
 
   RunOptions run;
   CLI::App* runCmd = app.add_subcommand(
-      "run", "Run one pass over images (they become drives C:, D:, ...); the originals are replaced only after a "
+      "run", "Run the engine over images (they become drives C:, D:, ...); the originals are replaced only after a "
              "good run");
   runCmd->add_option("IMAGE", run.images, "Drive images (.vdf)")->required();
-  runCmd->add_option("--mode", run.mode, "1: the pass loop (the only mode the exported functions start)")
+  runCmd->add_option("--mode", run.mode,
+                     "1: one pass of the pass loop, through the exported functions; 0: the smart driver, through "
+                     "the engine object, until the time is up or Ctrl-C")
       ->check(CLI::IsMember({0, 1}))
       ->capture_default_str();
-  runCmd->add_option("--seconds", run.seconds, "Stop the run after this many seconds (0: let it end)")
+  runCmd->add_option("--seconds", run.seconds, "Stop the run after this many seconds (0: let it end, or run until Ctrl-C)")
       ->check(CLI::NonNegativeNumber);
+  runCmd->add_option("--activity", run.activity,
+                     "Mode 0: users create, extend, truncate, rename and delete files at about RATE changes a second")
+      ->check(CLI::NonNegativeNumber);
+  runCmd->add_option("--seed", run.seed, "Mode 0: seed of the user activity")->capture_default_str();
   runCmd->add_option("--dir", run.dir, dirHelp());
   runCmd->add_option("--maps", run.maps, "Draw before/after cluster maps of each drive into this directory");
 
@@ -99,7 +105,8 @@ int main(int argc, char** argv) {
   listCmd->add_option("--dir", config.dir, dirHelp());
 
   StatsOptions stats;
-  CLI::App* statsCmd = app.add_subcommand("stats", "Print the run, daily and all-time statistics");
+  CLI::App* statsCmd =
+      app.add_subcommand("stats", "Print the run, daily and all-time statistics, the engine status and the volume modes");
   statsCmd->add_option("--dir", stats.dir, dirHelp());
 
   try {
