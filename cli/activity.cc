@@ -26,9 +26,9 @@ UserActivity::UserActivity(std::vector<std::shared_ptr<SimDisk>> disks, double c
   for (auto& disk : disks) {
     Drive d;
     d.disk = std::move(disk);
-    d.directories.push_back(L"");
     for (const SimFileInfo& f : d.disk->listAll()) {
-      ((f.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? d.directories : d.files).push_back(f.path);
+      if ((f.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) continue;
+      d.files.push_back(f.path);
       skipNamesOf(f.path);
     }
     drives_.push_back(std::move(d));
@@ -112,8 +112,7 @@ void UserActivity::skipNamesOf(const std::wstring& path) {
   }
 }
 
-std::wstring UserActivity::newName(Drive& d, const wchar_t* stem) {
-  const std::wstring& dir = d.directories[pick(d.directories.size())];
+std::wstring UserActivity::newName(const std::wstring& dir, const wchar_t* stem) {
   std::wstring leaf = stem + std::to_wstring(seed_) + L"-" + std::to_wstring(++made_) + L".dat";
   return dir.empty() ? leaf : dir + L"\\" + leaf;
 }
@@ -121,9 +120,11 @@ std::wstring UserActivity::newName(Drive& d, const wchar_t* stem) {
 void UserActivity::create(Drive& d) {
   uint64_t cluster = d.disk->bytesPerCluster();
   // Mostly small files, now and then a larger one.
-  uint64_t clusters = pick(20) == 0 ? 32 + pick(224) : 1 + pick(8);
+  uint64_t clusters = pick(50) == 0 ? 16 + pick(112) : 1 + pick(4);
   uint64_t bytes = clusters * cluster - pick(cluster);
-  std::wstring path = newName(d, L"new");
+  // New files go to the root: short names keep a busy second's notifications
+  // within what the system buffers between two reads.
+  std::wstring path = newName(L"", L"new");
   if (d.disk->createFile(path, bytes) == 0) {
     d.files.push_back(path);
     counts_.created += 1;
@@ -137,7 +138,7 @@ void UserActivity::resize(Drive& d, bool grow) {
   SimFileInfo info;
   DWORD rc = d.disk->fileInfo(d.files[i], &info);
   if (rc == 0) {
-    rc = grow ? d.disk->appendFile(d.files[i], (1 + pick(8)) * d.disk->bytesPerCluster())
+    rc = grow ? d.disk->appendFile(d.files[i], (1 + pick(4)) * d.disk->bytesPerCluster())
               : d.disk->truncateFile(d.files[i], pick(info.size + 1));
   }
   if (rc == 0) {
@@ -153,7 +154,8 @@ void UserActivity::resize(Drive& d, bool grow) {
 
 void UserActivity::rename(Drive& d) {
   size_t i = pick(d.files.size());
-  std::wstring to = newName(d, L"renamed");
+  size_t cut = d.files[i].rfind(L'\\');
+  std::wstring to = newName(cut == std::wstring::npos ? L"" : d.files[i].substr(0, cut), L"renamed");
   if (d.disk->renameFile(d.files[i], to) == 0) {
     d.files[i] = to;
     counts_.renamed += 1;

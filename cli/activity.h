@@ -1,7 +1,8 @@
 // UserActivity: people at work on simulated drives while the engine runs. A
 // thread of its own creates, extends, truncates, renames and deletes files
-// through the disks' user operations at about the rate asked for, so that
-// change tracking records something and react mode has files to treat. The
+// through the disks' user operations at about the rate asked for (new files
+// in the root directory, renames within a file's directory), so that change
+// tracking records something and react mode has files to treat. The
 // choices come from the seed; where the disk puts the clusters also depends
 // on what the engine moved meanwhile.
 #ifndef GLIDEWELL_CLI_ACTIVITY_H_
@@ -49,8 +50,7 @@ class UserActivity {
  private:
   struct Drive {
     std::shared_ptr<SimDisk> disk;
-    std::vector<std::wstring> files;        // files this activity may touch
-    std::vector<std::wstring> directories;  // where it creates ("" is the root)
+    std::vector<std::wstring> files;  // files this activity may touch
   };
 
   void run();
@@ -59,7 +59,7 @@ class UserActivity {
   void rename(Drive& d);
   void remove(Drive& d);
   uint64_t pick(uint64_t n) { return n == 0 ? 0 : random_() % n; }
-  std::wstring newName(Drive& d, const wchar_t* stem);
+  std::wstring newName(const std::wstring& dir, const wchar_t* stem);
   void skipNamesOf(const std::wstring& path);
 
   const double rate_;
