@@ -57,6 +57,12 @@ int runCommand(const RunOptions& options);
 // user stops it.
 int runSmartCommand(const RunOptions& options);
 
+// Windows: the machine's own drives, named by letter ("C:").
+// analyze: options.image holds the drive.
+int analyzeDriveCommand(const AnalyzeOptions& options);
+// run: options.images hold the drives; only they are enabled for the run.
+int runDrivesCommand(const RunOptions& options);
+
 struct ConfigOptions {
   std::string action;  // "get", "set" or "list"
   std::string name;

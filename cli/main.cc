@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "cli/commands.h"
+#include "cli/registry_command_line.h"
 
 using namespace glidewell;
 
@@ -91,23 +92,7 @@ int main(int argc, char** argv) {
   runCmd->add_option("--dir", run.dir, dirHelp());
   runCmd->add_option("--maps", run.maps, "Draw before/after cluster maps of each drive into this directory");
 
-  ConfigOptions config;
-  CLI::App* configCmd = app.add_subcommand("config", "Read or change the engine's settings");
-  configCmd->require_subcommand(1);
-  CLI::App* getCmd = configCmd->add_subcommand("get", "Print one setting (NAME like MaxClusterMoveCount or C:/enabled)");
-  getCmd->add_option("NAME", config.name, "The setting")->required();
-  getCmd->add_option("--dir", config.dir, dirHelp());
-  CLI::App* setCmd = configCmd->add_subcommand("set", "Store one setting (numbers; text for dumpPath and X:/Name)");
-  setCmd->add_option("NAME", config.name, "The setting")->required();
-  setCmd->add_option("VALUE", config.value, "The value")->required();
-  setCmd->add_option("--dir", config.dir, dirHelp());
-  CLI::App* listCmd = configCmd->add_subcommand("list", "Print every setting");
-  listCmd->add_option("--dir", config.dir, dirHelp());
-
-  StatsOptions stats;
-  CLI::App* statsCmd =
-      app.add_subcommand("stats", "Print the run, daily and all-time statistics, the engine status and the volume modes");
-  statsCmd->add_option("--dir", stats.dir, dirHelp());
+  RegistryCommandLine registryCommands(app, dirHelp());
 
   try {
     app.parse(argc, argv);
@@ -124,11 +109,8 @@ int main(int argc, char** argv) {
       return ageCommand(age);
     }
     if (runCmd->parsed()) return runCommand(run);
-    if (configCmd->parsed()) {
-      config.action = getCmd->parsed() ? "get" : setCmd->parsed() ? "set" : "list";
-      return configCommand(config);
-    }
-    if (statsCmd->parsed()) return statsCommand(stats);
+    int status = registryCommands.runIfParsed();
+    if (status >= 0) return status;
     if (!demoCmd->parsed()) fmt::print("No command given: running the demo (glidewell --help lists the commands).\n");
     return demoCommand(demo);
   } catch (const UsageError& e) {

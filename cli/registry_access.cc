@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "cli/host_files.h"
+#include "cli/registry_location.h"
 #include "config/dfrg_config.h"
 #include "platform/env.h"
 #include "platform/text.h"
@@ -209,8 +210,8 @@ std::string formatValue(const RegistryValue& value) {
 }
 
 std::unique_ptr<HostRegistry> HostRegistry::open(const std::string& installDir, bool create) {
-  std::string path = installDir + "registry.db";
-  if (!create && !isRegularFile(path)) {
+  std::string path = registryLocation(installDir);
+  if (!create && !registryExists(installDir)) {
     throw HostError("no registry database at " + path + " (nothing has run in that install directory)");
   }
   if (create) prepareDirectory(installDir);

@@ -49,8 +49,9 @@ const char* typeName(DWORD type);
 
 class HostRegistry {
  public:
-  // Opens <installDir>registry.db. Without `create`, HostError when there is
-  // no database yet (nothing has run there). One at a time per process.
+  // Opens the registry of the install directory (registry_location.h).
+  // Without `create`, HostError when there is no database yet (nothing has
+  // run there). One at a time per process.
   static std::unique_ptr<HostRegistry> open(const std::string& installDir, bool create);
   ~HostRegistry();
   HostRegistry(const HostRegistry&) = delete;
