@@ -10,6 +10,7 @@
 #include "config/dfrg_statistics.h"
 #include "engine/dfrg_exception.h"
 #include "glidewell/dfrg.h"
+#include "logging/exception_report.h"
 #include "logging/log_setup.h"
 #include "logging/logger.h"
 #include "platform/crash_handler.h"
@@ -41,7 +42,7 @@ DFRG_API int DFRG_CALL dfrg_initialize(const wchar_t* installDir, const char* ke
   if (initialised) return 0;
   if (installDir == nullptr || keyPath == nullptr) return 0;
   try {
-    installCrashHandler();
+    installCrashHandler(reportUnhandledException);
     installDirectory = installDir;
     registryKeyPath = keyPath;
     Env::current()->setInstallDirectory(installDirectory);

@@ -199,11 +199,11 @@ class Pass {
 
   PassResult result() const {
     PassResult r;
-    r.processed = thread_.processedCount;
-    r.defragged = thread_.defraggedCount;
-    r.moved = thread_.movedCount;
-    r.nonDefraggable = thread_.nonDefraggableCount;
-    r.errors = thread_.errorCount;
+    r.processed = thread_.passCounters().processed;
+    r.defragged = thread_.passCounters().defragged;
+    r.moved = thread_.passCounters().moved;
+    r.nonDefraggable = thread_.passCounters().nonDefraggable;
+    r.errors = thread_.passCounters().errors;
     r.movedClusters = volume_->movedClusters;
     r.bitmapReads = volume_->bitmapReads;
     r.fullScans = volume_->fullScans;

@@ -6,6 +6,7 @@
 #include "cli/commands.h"
 #include "cli/drive_pass.h"
 #include "cli/image_io.h"
+#include "cli/ntfs_drive.h"
 #include "cli/report_table.h"
 #include "platform/text.h"
 #include "sim/sim_aging.h"
@@ -78,6 +79,7 @@ int demoCommand(const DemoOptions& o) {
 }
 
 int analyzeCommand(const AnalyzeOptions& o) {
+  if (isNtfsVolume(o.image)) return analyzeNtfsVolume(o.image);
   LoadedImage image = loadImage(o.image);
   VolumeSnapshot v = takeSnapshot(*image.disk);
   fmt::print("{}\n\n{}", describeVolume(image.letter, v), volumeTable(v).render());

@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
 
   AnalyzeOptions analyze;
   CLI::App* analyzeCmd = app.add_subcommand("analyze", "Measure one drive image");
-  analyzeCmd->add_option("IMAGE", analyze.image, "The drive image (.vdf)")->required();
+  analyzeCmd->add_option("IMAGE", analyze.image, "The drive image (.vdf), or an NTFS image or block device")->required();
   analyzeCmd->add_option("--png", analyze.png, "Also draw its cluster map into this PNG file");
 
   AgeOptions age;
@@ -77,7 +77,7 @@ int main(int argc, char** argv) {
   CLI::App* runCmd = app.add_subcommand(
       "run", "Run the engine over images (they become drives C:, D:, ...); the originals are replaced only after a "
              "good run");
-  runCmd->add_option("IMAGE", run.images, "Drive images (.vdf)")->required();
+  runCmd->add_option("IMAGE", run.images, "Drive images (.vdf), or NTFS images or block devices (defragmented in place)")->required();
   runCmd->add_option("--mode", run.mode,
                      "1: one pass of the pass loop, through the exported functions; 0: the smart driver, through "
                      "the engine object, until the time is up or Ctrl-C")

@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/drive_pass.h"
 #include "cli/image_io.h"
+#include "cli/ntfs_drive.h"
 #include "platform/text.h"
 
 namespace glidewell {
@@ -29,6 +30,14 @@ int runCommand(const RunOptions& o) {
   if (o.seconds < 0) throw UsageError("--seconds must not be negative");
   if (o.images.empty()) throw UsageError("run needs at least one image");
   if (o.images.size() > 24) throw UsageError("run takes at most 24 images (drives C: to Z:)");
+  if (isNtfsVolume(o.images.front())) {
+    for (const std::string& image : o.images) {
+      if (!isNtfsVolume(image)) throw UsageError(image + " is not an NTFS volume: give either .vdf images or NTFS volumes");
+    }
+    std::string dir = resolveInstallDirectory(o.dir);
+    prepareDirectory(dir);
+    return runNtfsVolumes(o.images, o.seconds, dir);
+  }
 
   // Every image must load before anything is copied anywhere.
   std::set<std::string> seen;

@@ -16,10 +16,8 @@ namespace glidewell {
 namespace {
 
 void countFreeSpace(CVolumeSystem& volume, DriveFigures* f) {
-  uint8_t* raw = nullptr;
-  bool ok = volume.getVolumeBitmap(&raw);
-  std::unique_ptr<uint8_t[]> bitmap(raw);
-  if (!ok || !bitmap) throw HostError("the volume's allocation bitmap cannot be read");
+  std::unique_ptr<uint8_t[]> bitmap;
+  if (!volume.getVolumeBitmap(&bitmap) || !bitmap) throw HostError("the volume's allocation bitmap cannot be read");
   uint64_t run = 0;
   for (uint64_t lcn = 0; lcn <= f->totalClusters; ++lcn) {
     bool free = lcn < f->totalClusters && ((bitmap[lcn / 8] >> (lcn % 8)) & 1) == 0;

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "engine/dfrg_context.h"
+#include "volume/volume_context.h"
 #include "engine/dfrg_exception.h"
 #include "logging/logger.h"
 #include "platform/text.h"
@@ -95,7 +95,7 @@ void getFileList(CVolumeSystem& volume, const std::wstring& dir, std::vector<Dum
   } while (volume.findNextFile(find.get(), &data));
 }
 
-void writeEntrys(CDfrgContext* ctx, std::FILE* file, std::vector<DumpEntry>& entries) {
+void writeEntrys(CVolumeContext* ctx, std::FILE* file, std::vector<DumpEntry>& entries) {
   Logger log("writeEntrys");
   for (DumpEntry& entry : entries) {
     log.log(kLogDebug) << "Writing entry" << LogProperty("Filename:", entry.path)
@@ -127,7 +127,7 @@ void writeEntrys(CDfrgContext* ctx, std::FILE* file, std::vector<DumpEntry>& ent
   }
 }
 
-void writeVolumeDump(std::FILE* file, CDfrgContext* ctx) {
+void writeVolumeDump(std::FILE* file, CVolumeContext* ctx) {
   CVolumeSystem& volume = ctx->volume();
   wchar_t letter = volume.getDriveLetter();
   std::wstring label = volume.getVolumeName();
@@ -142,9 +142,8 @@ void writeVolumeDump(std::FILE* file, CDfrgContext* ctx) {
   writeInt<uint32_t>(file, bytesPerCluster);
   writeInt<uint8_t>(file, static_cast<uint8_t>(type & 0xFF));
 
-  uint8_t* raw = nullptr;
-  bool haveBitmap = volume.getVolumeBitmap(&raw);
-  std::unique_ptr<uint8_t[]> bitmap(raw);
+  std::unique_ptr<uint8_t[]> bitmap;
+  bool haveBitmap = volume.getVolumeBitmap(&bitmap);
   const uint64_t bitmapBytes = totalClusters / 8;
   if (!haveBitmap || !bitmap) {
     // Keep the record well-formed: a volume whose bitmap cannot be read is

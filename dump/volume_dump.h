@@ -22,7 +22,7 @@
 
 namespace glidewell {
 
-class CDfrgContext;
+class CVolumeContext;
 class CVolumeSystem;
 
 // One entry of the list built before anything of the entries is written.
@@ -33,7 +33,7 @@ struct DumpEntry {
 };
 
 // Writes one volume record of the context's volume to the stream.
-void writeVolumeDump(std::FILE* file, CDfrgContext* ctx);
+void writeVolumeDump(std::FILE* file, CVolumeContext* ctx);
 
 // Appends the directories and files below dir ("C:" for the root) in
 // enumeration order, a directory before its contents. Reparse points
@@ -43,7 +43,8 @@ void getFileList(CVolumeSystem& volume, const std::wstring& dir, std::vector<Dum
 // Writes the entries: path relative to the root, isDirectory, extent count and
 // each extent's first and last LCN. A file that cannot be opened is written
 // with no extents.
-void writeEntrys(CDfrgContext* ctx, std::FILE* file, std::vector<DumpEntry>& entries);
+// (The name, spelling included, is the one the dump's log lines carry.)
+void writeEntrys(CVolumeContext* ctx, std::FILE* file, std::vector<DumpEntry>& entries);
 
 }  // namespace glidewell
 

@@ -56,6 +56,8 @@ std::atomic<uint32_t> lastCheck{0};
 std::atomic<bool> lastCheckSet{false};
 }  // namespace
 
+void CDfrgContext::checkState() { glidewell::checkState(*this); }
+
 void resetCheckStateClock() { lastCheckSet.store(false); }
 
 void checkState(CDfrgContext& ctx) {

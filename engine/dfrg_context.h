@@ -1,5 +1,6 @@
 // CDfrgContext: the state of one volume during a run: its volume object, its
-// free-space snapshot, the run and stop events through which the host pauses
+// free-space snapshot (with the lock that guards it, both kept by the
+// CVolumeContext base), the run and stop events through which the host pauses
 // and stops the worker, and the driver's per-volume pass state.
 #ifndef GLIDEWELL_ENGINE_DFRG_CONTEXT_H_
 #define GLIDEWELL_ENGINE_DFRG_CONTEXT_H_
@@ -9,19 +10,19 @@
 
 #include "changes/change_tracker.h"
 #include "platform/sync.h"
-#include "volume/extent_snapshot.h"
+#include "volume/volume_context.h"
 #include "volume/volume_system.h"
 
 namespace glidewell {
 
 class CDfrgConfig;
 
-class CDfrgContext {
+class CDfrgContext : public CVolumeContext {
  public:
   // Takes ownership of the volume. config may be null (settings then take
   // their defaults).
   CDfrgContext(std::unique_ptr<CVolumeSystem> volume, int index, CDfrgConfig* config);
-  virtual ~CDfrgContext();
+  ~CDfrgContext() override;
   CDfrgContext(const CDfrgContext&) = delete;
   CDfrgContext& operator=(const CDfrgContext&) = delete;
 
@@ -31,13 +32,13 @@ class CDfrgContext {
   // false: set it again.
   void pause(bool pause);
 
-  CVolumeSystem& volume() const { return *volume_; }
-  CDfrgConfig* config() const { return config_; }
+  CVolumeSystem& volume() const override { return *volume_; }
+  CDfrgConfig* config() const override { return config_; }
+  // The free function checkState below, on this context.
+  void checkState() override;
 
   Event runEvent{true, true};   // set = running
   Event stopEvent{true, false};  // set = stop
-  RecursiveLock lock;            // guards the snapshot
-  std::unique_ptr<CExtentSnapshot> snapshot;  // null until first built
   int index;
   std::unique_ptr<CChangeTracker> changeTracker;  // used by the smart driver
   int32_t pass = -1;

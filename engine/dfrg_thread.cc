@@ -4,10 +4,12 @@
 #include "dump/volume_dump.h"
 #include "engine/dfrg_exception.h"
 #include "engine/random.h"
+#include "logging/exception_report.h"
 #include "logging/logger.h"
 #include "platform/crash_handler.h"
 #include "platform/env.h"
 #include "platform/text.h"
+#include "volume/drive_volume.h"
 
 namespace glidewell {
 
@@ -40,7 +42,7 @@ void DfrgThread::deleteContexts() {
 void DfrgThread::run(ThreadStartRecord& rec) {
   started_.store(true);
   engine_ = rec.owner;
-  installCrashHandler();
+  installCrashHandler(reportUnhandledException);
   seedEngineRandom(Env::current()->tickCount());
   Logger log("main");
   log.log(kLogInformal) << "Thread Start";
@@ -111,7 +113,11 @@ void DfrgThread::buildContexts() {
     if (letter == 0) break;
     std::unique_ptr<CDfrgContext> ctx;
     try {
-      std::unique_ptr<CVolumeSystem> volume = Env::current()->openVolume(static_cast<wchar_t>(letter));
+      std::unique_ptr<CVolumeSystem> volume = openDriveVolume(static_cast<wchar_t>(letter));
+      if (!volume) {  // no drive of that letter any more
+        throw CDfrgException(ErrorVolumeUnavailable,
+                             std::string("Couldn't open Volume ! \\\\.\\") + letter + ":");
+      }
       ctx = std::make_unique<CDfrgContext>(std::move(volume), static_cast<int>(contextCount()), config);
       if (dump.file != nullptr) {
         // In a dump run no context remains. A failed entry write ends this

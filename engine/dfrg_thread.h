@@ -33,6 +33,17 @@ struct VolumeState {
 // the volume alone. Panic passes are scan mode with a panic pass number >= 0.
 enum VolumeMode : int32_t { kVolumeModeScan = 0, kVolumeModeReact = 1 };
 
+// The pass counters, logged as "Processed", "Defragged", "Moved", "Errors",
+// "Non-Defraggable" and "Non-Defraggable because of pure space reasons".
+struct PassCounters {
+  int64_t processed = 0;
+  int64_t defragged = 0;
+  int64_t moved = 0;
+  int64_t errors = 0;
+  int64_t nonDefraggable = 0;
+  int64_t spaceOnly = 0;
+};
+
 // At most this many files wait for a retry after a scan pass.
 constexpr size_t kMaxDeferredFiles = 1000;
 
@@ -50,12 +61,12 @@ class DfrgThread {
   void end(bool wait);
   void pause(bool pause);
 
-  // --- Pass statistics and deferred files ---
+  // --- Pass statistics and deferred files (pass_loop.cc) ---
   void resetPassStatistics();
   void deferFile(const std::wstring& path);
   void logPassStatistics(const char* message, const std::wstring& volume, CDfrgContext& ctx);
 
-  // --- Resume info (state directory) and volume modes (registry) ---
+  // --- Resume info (state directory) and volume modes (registry) (resume_info.cc) ---
   // Neither reports errors: a file that cannot be written is not saved; one
   // that cannot be read or is invalid resets the pass state.
   bool saveResumeInfo();
@@ -71,16 +82,17 @@ class DfrgThread {
   // Keeps the statistics' engine status in step with the volume modes.
   void updateEngineStatus();
 
-  // --- Drivers ---
+  // --- Drivers: the pass loop (pass_loop.cc) and the smart driver (smart_driver.cc) ---
   void runPasses();
   void defragSmart();
 
-  // --- Walk and per-file processing ---
+  // --- Walk and per-file processing (file_walk.cc) ---
   bool walkDirectory(CDfrgContext& ctx, const std::wstring& dir, const std::wstring& resumePath,
                      bool skipResumeEntry, bool reverse, bool noClimb, int* fileCount);
   bool processFile(CDfrgContext& ctx, const std::wstring& path, int* result, bool isDirectory);
 
-  // --- Movers ---
+  // --- Movers: defragFile (whole_file_move.cc), moveToLeftBorder (left_border_move.cc),
+  // moveToBetterPlace (better_place_move.cc) ---
   bool defragFile(CDfrgContext& ctx, CDfrgFile& file, ExtentList& extents, bool& defragged);
   bool moveToLeftBorder(CDfrgContext& ctx, CDfrgFile& file, ExtentList& extents, bool& moved);
   bool moveToBetterPlace(CDfrgContext& ctx, CDfrgFile& file, ExtentList& extents, bool& moved);
@@ -93,25 +105,21 @@ class DfrgThread {
   // For tests and the smart driver: the contexts of the current run.
   size_t contextCount();
 
-  // Pass counters ("Processed", "Defragged", ...), signed 64-bit.
-  int64_t processedCount = 0;
-  int64_t defraggedCount = 0;
-  int64_t movedCount = 0;
-  int64_t errorCount = 0;
-  int64_t nonDefraggableCount = 0;
-  int64_t spaceOnlyCount = 0;
-  std::vector<std::wstring> deferred;
-  bool deferredOverflow = false;
-
-  std::wstring resumePath;
-  std::wstring currentFile;
-  bool scanInProgress = false;
-  bool reactInProgress = false;
+  // What a pass has done so far, the files deferred for a retry, and where the
+  // smart driver will resume. Written by the worker only; read them from
+  // another thread only once the worker has ended.
+  const PassCounters& passCounters() const { return counters_; }
+  const std::vector<std::wstring>& deferredFiles() const { return deferred_; }
+  bool deferredOverflow() const { return deferredOverflow_; }
+  const std::wstring& resumePath() const { return resumePath_; }
+  const std::wstring& currentFile() const { return currentFile_; }
+  bool scanInProgress() const { return scanInProgress_; }
+  bool reactInProgress() const { return reactInProgress_; }
 
  private:
   friend class ReactStepScope;
 
-  // --- The smart driver's steps ---
+  // --- The smart driver's steps (smart_driver.cc) ---
   // One iteration over one volume. Returns normally or by the exceptions the
   // driver passes on (a stop, unexpected errors).
   void smartIteration(int& lastIndex, bool& waitBeforeReact, const std::vector<std::wstring>& excluded);
@@ -139,8 +147,18 @@ class DfrgThread {
   // Set by end(): remembered for contexts built after the stop request (a
   // retry that is rebuilding its contexts), and wakes the pause between retries.
   Event stopRequested_{true, false};
-  RecursiveLock lock;
+  RecursiveLock lock;  // guards contexts_ against end() and pause() from host threads
   std::string registryKeyPath_;
+
+  PassCounters counters_;
+  std::vector<std::wstring> deferred_;
+  bool deferredOverflow_ = false;
+  // The smart driver's resume point: the file its interrupted scan pass had
+  // reached (saved in the resume info), and the file the walk is on now.
+  std::wstring resumePath_;
+  std::wstring currentFile_;
+  bool scanInProgress_ = false;
+  bool reactInProgress_ = false;
   std::atomic<bool> started_{false};
 
   friend class DfrgThreadTestPeer;

@@ -4,6 +4,7 @@
 #include "config/dfrg_statistics.h"
 #include "engine/dfrg_thread.h"
 #include "engine/random.h"
+#include "engine/system_drives.h"
 #include "logging/logger.h"
 #include "platform/env.h"
 
@@ -11,6 +12,7 @@ namespace glidewell {
 
 engine::engine(Event* doneEvent, const std::string& registryKeyPath, HKEY root, const std::wstring& installDir)
     : doneEvent_(doneEvent), registryKeyPath_(registryKeyPath.empty() ? kDefaultRegistryKeyPath : registryKeyPath) {
+  addSystemDriveProviders();  // before the settings look for drives
   uint32_t ticks = Env::current()->tickCount();
   std::srand(ticks);
   seedEngineRandom(ticks);

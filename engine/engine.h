@@ -35,6 +35,8 @@ struct ThreadStartRecord {
   bool startPaused = false;
 };
 
+// The engine object. Its lower-case name is the one the service and the log
+// know it by ("engine::start", "Engine destructor").
 class engine {
  public:
   // Loads the settings (CDfrgConfig); its CDfrgException (2) propagates.

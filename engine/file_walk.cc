@@ -96,7 +96,7 @@ bool isSilentFileError(int code) {
 }  // namespace
 
 bool DfrgThread::processFile(CDfrgContext& ctx, const std::wstring& path, int* result, bool isDirectory) {
-  processedCount += 1;
+  counters_.processed += 1;
   CDfrgStatistics* stats = CDfrgStatistics::instance();
   if (stats != nullptr) {
     stats->addProcessed(1);
@@ -145,7 +145,7 @@ bool DfrgThread::processFile(CDfrgContext& ctx, const std::wstring& path, int* r
   }
   file.reset();
   if (stats != nullptr) stats->flush(false);
-  currentFile = path;
+  currentFile_ = path;
   return true;
 }
 

@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "config/dfrg_config.h"
-#include "engine/dfrg_context.h"
-#include "engine/dfrg_exception.h"
+#include "engine/error_codes.h"
+#include "volume/volume_context.h"
 
 namespace glidewell {
 
@@ -13,9 +13,9 @@ namespace {
 constexpr uint64_t kMaxMoveChunk = 4294967295ull;
 
 // Status of a failed move, from the error the volume reported.
-int32_t moveFailureStatus(DWORD error) {
-  if (error == ERROR_ACCESS_DENIED) return ERROR_ACCESS_DENIED;
-  if (error == ERROR_INVALID_PARAMETER) return ERROR_INVALID_PARAMETER;
+ErrorCode moveFailureStatus(DWORD error) {
+  if (error == ERROR_ACCESS_DENIED) return ErrorAccessDenied;
+  if (error == ERROR_INVALID_PARAMETER) return ErrorInvalidParameter;
   return ErrorFailed;
 }
 
@@ -36,7 +36,7 @@ BOOL issueMove(CDfrgFile& file, uint64_t vcn, uint64_t lcn, uint64_t count) {
 }
 }  // namespace
 
-uint32_t maxClusterMoveCountOf(CDfrgContext& ctx) {
+uint32_t maxClusterMoveCountOf(CVolumeContext& ctx) {
   CDfrgConfig* config = ctx.config() != nullptr ? ctx.config() : CDfrgConfig::current();
   return config != nullptr ? config->maxClusterMoveCount() : CDfrgConfig::kDefaultMaxClusterMoveCount;
 }
@@ -177,15 +177,21 @@ uint64_t findFreeRunBefore(const FreeExtentList& runs, uint64_t lcn) {
   return findFreeRunBeforeLinear(runs, lcn);
 }
 
-int64_t getTotalFreeClusters(CDfrgContext& ctx) {
+void refreshAfterMove(CVolumeContext& ctx, CDfrgFile& file, ExtentList& extents) {
+  updateSnapshotExt(ctx, extents);
+  file.getFileExtents(extents);
+  updateSnapshotExt(ctx, extents);
+}
+
+int64_t getTotalFreeClusters(CVolumeContext& ctx) {
   const FreeExtentList* runs = nullptr;
   if (!getSnapshot(ctx, &runs) || runs == nullptr) return -1;
   if (const FreeRunIndex* index = runs->index()) return static_cast<int64_t>(index->totalClusters());
   return getTotalFreeClustersLinear(*runs);
 }
 
-int32_t moveClusters(CDfrgFile& file, uint64_t targetLcn, uint64_t count, uint64_t startVcn) {
-  CDfrgContext& ctx = file.context();
+ErrorCode moveClusters(CDfrgFile& file, uint64_t targetLcn, uint64_t count, uint64_t startVcn) {
+  CVolumeContext& ctx = file.context();
   uint64_t setting = maxClusterMoveCountOf(ctx);
   uint64_t chunk = count < setting ? count : setting;
   if (chunk == 0) chunk = count;
@@ -212,14 +218,14 @@ int32_t moveClusters(CDfrgFile& file, uint64_t targetLcn, uint64_t count, uint64
     lcn += stored;
     vcn += n;
     remaining -= std::min(remaining, n);
-    checkState(ctx);
+    ctx.checkState();
     done += chunk;
   }
-  return 0;
+  return ErrorNone;
 }
 
-int32_t slideLeft(CDfrgFile& file, uint64_t distance) {
-  CDfrgContext& ctx = file.context();
+ErrorCode slideLeft(CDfrgFile& file, uint64_t distance) {
+  CVolumeContext& ctx = file.context();
   ExtentList map;
   if (!file.getFileExtents(map)) return ErrorFailed;
   uint64_t total = getTotalVcnClusters(map);
@@ -250,10 +256,10 @@ int32_t slideLeft(CDfrgFile& file, uint64_t distance) {
     target += stored;
     vcn += n;
     remaining -= std::min(remaining, n);
-    checkState(ctx);
+    ctx.checkState();
     moved += n;
   }
-  return 0;
+  return ErrorNone;
 }
 
 }  // namespace glidewell

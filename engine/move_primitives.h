@@ -6,13 +6,14 @@
 
 #include <cstdint>
 
+#include "engine/error_codes.h"
 #include "volume/dfrg_file.h"
 #include "volume/extent.h"
 #include "volume/extent_snapshot.h"
 
 namespace glidewell {
 
-class CDfrgContext;
+class CVolumeContext;
 
 // --- Over a file's extents ---
 // The file's size in clusters, virtual clusters included.
@@ -48,7 +49,7 @@ uint64_t getFreeRunLengthEndingAt(const FreeExtentList& runs, uint64_t lcn);
 // Start of the run that ends at lcn - 1, or kNoCluster.
 uint64_t findFreeRunBefore(const FreeExtentList& runs, uint64_t lcn);
 // Sum of the free runs of the context's snapshot, -1 when it has none.
-int64_t getTotalFreeClusters(CDfrgContext& ctx);
+int64_t getTotalFreeClusters(CVolumeContext& ctx);
 
 // The same searches as walks over the list, whatever index it has.
 uint64_t findBestFitLinear(const FreeExtentList& runs, uint64_t needed, uint64_t excludeStart);
@@ -58,19 +59,24 @@ uint64_t getFreeRunLengthEndingAtLinear(const FreeExtentList& runs, uint64_t lcn
 uint64_t findFreeRunBeforeLinear(const FreeExtentList& runs, uint64_t lcn);
 int64_t getTotalFreeClustersLinear(const FreeExtentList& runs);
 
-// --- Moves --- (status: 0 done, 5 access denied, 87 rejected parameters,
-// -18 granularity above MaxClusterMoveCount, -19 boundary or count not found,
-// -20 the map could not be read or another error)
+// --- Moves --- (status: ErrorNone done, ErrorAccessDenied, ErrorInvalidParameter
+// (the move control rejected its parameters), ErrorImpossible (the granularity
+// is above MaxClusterMoveCount), ErrorInternal (a boundary or count not found),
+// ErrorFailed (the map could not be read, or any other error of the control))
 // Moves `count` VCNs from startVcn to consecutive clusters from targetLcn, in
 // pieces of at most MaxClusterMoveCount clusters, checking for stop/pause
 // between pieces.
-int32_t moveClusters(CDfrgFile& file, uint64_t targetLcn, uint64_t count, uint64_t startVcn);
+ErrorCode moveClusters(CDfrgFile& file, uint64_t targetLcn, uint64_t count, uint64_t startVcn);
 // Moves the whole file `distance` clusters towards LCN 0 into the free gap
 // directly before it, in pieces no longer than the gap.
-int32_t slideLeft(CDfrgFile& file, uint64_t distance);
+ErrorCode slideLeft(CDfrgFile& file, uint64_t distance);
+
+// After a move: re-reads the bitmap over the clusters the file left (now
+// free) and, from the file's new map, over the ones it took.
+void refreshAfterMove(CVolumeContext& ctx, CDfrgFile& file, ExtentList& extents);
 
 // MaxClusterMoveCount of the context's settings (the default without any).
-uint32_t maxClusterMoveCountOf(CDfrgContext& ctx);
+uint32_t maxClusterMoveCountOf(CVolumeContext& ctx);
 
 }  // namespace glidewell
 

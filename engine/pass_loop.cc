@@ -8,30 +8,30 @@
 namespace glidewell {
 
 void DfrgThread::resetPassStatistics() {
-  processedCount = defraggedCount = movedCount = errorCount = 0;
-  nonDefraggableCount = spaceOnlyCount = 0;
-  deferred.clear();
-  deferredOverflow = false;
+  counters_.processed = counters_.defragged = counters_.moved = counters_.errors = 0;
+  counters_.nonDefraggable = counters_.spaceOnly = 0;
+  deferred_.clear();
+  deferredOverflow_ = false;
 }
 
 void DfrgThread::deferFile(const std::wstring& path) {
-  if (deferred.size() < kMaxDeferredFiles) {
-    deferred.push_back(path);
+  if (deferred_.size() < kMaxDeferredFiles) {
+    deferred_.push_back(path);
     return;
   }
   // Too many failures for a retry to be worth it: give up deferring this pass.
-  deferred.clear();
-  deferredOverflow = true;
+  deferred_.clear();
+  deferredOverflow_ = true;
 }
 
 void DfrgThread::logPassStatistics(const char* message, const std::wstring& volume, CDfrgContext& ctx) {
   Logger log("logPassStatistics");
   log.log(kLogInformal) << message << LogProperty("Volume", volume) << LogProperty("Pass", ctx.pass)
-                        << LogProperty("PanicPass", ctx.panicPass) << LogProperty("Processed", processedCount)
-                        << LogProperty("Defragged", defraggedCount) << LogProperty("Moved", movedCount)
-                        << LogProperty("Errors", errorCount)
-                        << LogProperty("Non-Defraggable", nonDefraggableCount)
-                        << LogProperty("Non-Defraggable because of pure space reasons", spaceOnlyCount);
+                        << LogProperty("PanicPass", ctx.panicPass) << LogProperty("Processed", counters_.processed)
+                        << LogProperty("Defragged", counters_.defragged) << LogProperty("Moved", counters_.moved)
+                        << LogProperty("Errors", counters_.errors)
+                        << LogProperty("Non-Defraggable", counters_.nonDefraggable)
+                        << LogProperty("Non-Defraggable because of pure space reasons", counters_.spaceOnly);
 }
 
 void DfrgThread::runPasses() {

@@ -42,11 +42,11 @@ std::wstring DfrgThread::resumeInfoPath() const {
 bool DfrgThread::saveResumeInfo() {
   StateFileWriter out(resumeInfoPath());
   if (!out.ok()) return false;
-  bool ok = out.writeInt32(kResumeInfoVersion) && out.writeString(resumePath) && out.writeInt64(defraggedCount) &&
-            out.writeInt64(nonDefraggableCount) && out.writeInt64(spaceOnlyCount) && out.writeInt64(errorCount) &&
-            out.writeInt64(movedCount) && out.writeInt64(processedCount) && out.writeBool(deferredOverflow) &&
-            out.writeInt32(static_cast<int32_t>(deferred.size()));
-  for (size_t i = 0; ok && i < deferred.size(); ++i) ok = out.writeString(deferred[i]);
+  bool ok = out.writeInt32(kResumeInfoVersion) && out.writeString(resumePath_) && out.writeInt64(counters_.defragged) &&
+            out.writeInt64(counters_.nonDefraggable) && out.writeInt64(counters_.spaceOnly) && out.writeInt64(counters_.errors) &&
+            out.writeInt64(counters_.moved) && out.writeInt64(counters_.processed) && out.writeBool(deferredOverflow_) &&
+            out.writeInt32(static_cast<int32_t>(deferred_.size()));
+  for (size_t i = 0; ok && i < deferred_.size(); ++i) ok = out.writeString(deferred_[i]);
   ok = ok && out.writeInt32(static_cast<int32_t>(contexts_.size()));
   for (size_t i = 0; ok && i < contexts_.size(); ++i) {
     CDfrgContext& ctx = *contexts_[i];
@@ -61,9 +61,9 @@ bool DfrgThread::loadResumeInfo() {
   bool valid = in.ok();
   int32_t version = 0;
   valid = valid && in.readInt32(&version) && version == kResumeInfoVersion;
-  valid = valid && in.readString(&resumePath) && in.readInt64(&defraggedCount) &&
-          in.readInt64(&nonDefraggableCount) && in.readInt64(&spaceOnlyCount) && in.readInt64(&errorCount) &&
-          in.readInt64(&movedCount) && in.readInt64(&processedCount) && in.readBool(&deferredOverflow);
+  valid = valid && in.readString(&resumePath_) && in.readInt64(&counters_.defragged) &&
+          in.readInt64(&counters_.nonDefraggable) && in.readInt64(&counters_.spaceOnly) && in.readInt64(&counters_.errors) &&
+          in.readInt64(&counters_.moved) && in.readInt64(&counters_.processed) && in.readBool(&deferredOverflow_);
   int32_t count = 0;
   if (valid) {
     // Each path takes at least its 4-byte count.
@@ -74,7 +74,7 @@ bool DfrgThread::loadResumeInfo() {
       valid = in.readString(&path);
       list.push_back(std::move(path));
     }
-    if (valid) deferred = std::move(list);
+    if (valid) deferred_ = std::move(list);
   }
   for (auto& ctx : contexts_) ctx->pass = ctx->panicPass = -1;
   valid = valid && in.readCount(&count, kVolumeRecordBytes);
@@ -91,7 +91,7 @@ bool DfrgThread::loadResumeInfo() {
     }
   }
   if (valid) return true;
-  resumePath.clear();
+  resumePath_.clear();
   for (auto& ctx : contexts_) ctx->pass = ctx->panicPass = -1;
   resetPassStatistics();
   return false;
@@ -156,7 +156,7 @@ void DfrgThread::updateEngineStatus() {
   CDfrgStatistics* stats = CDfrgStatistics::instance();
   if (stats == nullptr) return;
   int status = stats->getStatus();
-  if (allReact && !reactInProgress) {
+  if (allReact && !reactInProgress_) {
     if (status == 1 || status == 3) {
       stats->setStatus(4);
       stats->flush(true);

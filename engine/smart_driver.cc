@@ -82,8 +82,8 @@ class ReactStepScope {
  public:
   ReactStepScope(DfrgThread& thread, CChangeTracker& tracker) : thread_(thread), tracker_(tracker) { tracker_.lock(); }
   ~ReactStepScope() {
-    if (thread_.reactInProgress) {
-      thread_.reactInProgress = false;
+    if (thread_.reactInProgress_) {
+      thread_.reactInProgress_ = false;
       thread_.updateEngineStatus();
     }
     tracker_.unlock();
@@ -99,9 +99,9 @@ class ReactStepScope {
 CDfrgContext& DfrgThread::chooseSmartVolume(int& lastIndex) {
   CDfrgContext* chosen = nullptr;
   int index = -1;
-  if (resumePath.size() >= 2 && resumePath[1] == L':') {
+  if (resumePath_.size() >= 2 && resumePath_[1] == L':') {
     for (size_t i = 0; i < contexts_.size(); ++i) {
-      if (contexts_[i]->volume().getDriveLetter() == resumePath[0]) {
+      if (contexts_[i]->volume().getDriveLetter() == resumePath_[0]) {
         chosen = contexts_[i].get();
         index = static_cast<int>(i);
         break;
@@ -109,7 +109,7 @@ CDfrgContext& DfrgThread::chooseSmartVolume(int& lastIndex) {
     }
   }
   if (chosen == nullptr) {
-    resumePath.clear();
+    resumePath_.clear();
     resetPassStatistics();
     int n = static_cast<int>(contexts_.size());
     index = static_cast<int>(nextEngineRandom() % static_cast<uint32_t>(n));
@@ -161,32 +161,32 @@ void DfrgThread::smartIteration(int& lastIndex, bool& waitBeforeReact, const std
     bool react = mode == kVolumeModeReact;
     if (mode == kVolumeModeScan) {
       dirty = true;
-      if (!resumePath.empty()) {
+      if (!resumePath_.empty()) {
         // An interrupted pass cannot be trusted without its record of changes.
         if (tracker.resumeTracking()) {
-          startDir = parentPath(resumePath);
+          startDir = parentPath(resumePath_);
         } else {
-          resumePath.clear();
+          resumePath_.clear();
         }
       }
       checkState(ctx);
-      if (resumePath.empty()) {
+      if (resumePath_.empty()) {
         if (stats != nullptr) stats->resetRun();
         resetPassStatistics();
         ctx.pass += 1;
         startDir = volume;
         tracker.startTracking();
       }
-      scanInProgress = true;
+      scanInProgress_ = true;
       // A stop before the first file keeps the resume point it started from.
-      currentFile = resumePath;
-      walkDirectory(ctx, startDir, resumePath, false, false, false, nullptr);
-      scanInProgress = false;
-      currentFile.clear();
+      currentFile_ = resumePath_;
+      walkDirectory(ctx, startDir, resumePath_, false, false, false, nullptr);
+      scanInProgress_ = false;
+      currentFile_.clear();
       retryDeferredFiles(ctx);
       logPassStatistics("Finished Scan pass", volume, ctx);
       mode = judgeScanPass(ctx, volume);
-      resumePath.clear();
+      resumePath_.clear();
       react = mode == kVolumeModeReact;
     }
 
@@ -198,23 +198,23 @@ void DfrgThread::smartIteration(int& lastIndex, bool& waitBeforeReact, const std
     if (mode == kVolumeModeScan) tracker.stopTracking();
     if (stats != nullptr) stats->flush(true);
     if (dirty) saveResumeInfo();
-    scanInProgress = false;
+    scanInProgress_ = false;
   } catch (const CDfrgException& e) {
     if (e.code == ErrorVolumeUnavailable) {
       log.log(kLogInformal) << "Could not open volume." << LogProperty("Volume", volume);
       blockVolume(ctx, kVolumeBlockMs);
-      scanInProgress = false;
+      scanInProgress_ = false;
       if (stats != nullptr) stats->flush(true);
       if (dirty) saveResumeInfo();
       return;
     }
     if (e.code == ErrorStopRequested) {
       // The restarted driver continues this pass at the interrupted file.
-      if (mode == kVolumeModeScan) resumePath = currentFile;
+      if (mode == kVolumeModeScan) resumePath_ = currentFile_;
       saveResumeInfo();
       resetPassStatistics();
-      resumePath.clear();
-      scanInProgress = false;
+      resumePath_.clear();
+      scanInProgress_ = false;
       throw;
     }
     abandonVolume(ctx, volume);
@@ -227,31 +227,31 @@ void DfrgThread::smartIteration(int& lastIndex, bool& waitBeforeReact, const std
 
 void DfrgThread::retryDeferredFiles(CDfrgContext& ctx) {
   // The list may not change under the loop: copy it.
-  std::vector<std::wstring> files = deferred;
+  std::vector<std::wstring> files = deferred_;
   try {
     for (const std::wstring& path : files) {
       int n = 0;
       processFile(ctx, path, &n, false);
       // The walk counted the file already; its retry counts instead.
-      processedCount -= 1;
-      nonDefraggableCount -= 1;
+      counters_.processed -= 1;
+      counters_.nonDefraggable -= 1;
     }
   } catch (...) {
-    currentFile.clear();
+    currentFile_.clear();
     throw;
   }
 }
 
 int32_t DfrgThread::judgeScanPass(CDfrgContext& ctx, const std::wstring& volume) {
   Logger log("defragSmart");
-  if (nonDefraggableCount - spaceOnlyCount <= 0) {
+  if (counters_.nonDefraggable - counters_.spaceOnly <= 0) {
     // Files that failed only for lack of free space do not keep a volume scanning.
     int32_t mode = setVolumeMode(ctx, kVolumeModeReact);
     resetPassCounters(ctx);
     log.log(kLogInformal) << "Volume is clean. Switching to react mode" << LogProperty("Volume", volume);
     return mode;
   }
-  if (static_cast<double>(defraggedCount + movedCount) >= static_cast<double>(processedCount) * 0.01) {
+  if (static_cast<double>(counters_.defragged + counters_.moved) >= static_cast<double>(counters_.processed) * 0.01) {
     return kVolumeModeScan;  // still making progress
   }
   if (ctx.pass < 2) return kVolumeModeScan;
@@ -299,8 +299,8 @@ void DfrgThread::reactStep(CDfrgContext& ctx, const std::wstring& volume, int32_
         skip = isLogFile(change.path);
       }
       if (!skip) {
-        if (!reactInProgress) {
-          reactInProgress = true;
+        if (!reactInProgress_) {
+          reactInProgress_ = true;
           updateEngineStatus();
         }
         int n = 0;
@@ -330,9 +330,9 @@ void DfrgThread::abandonVolume(CDfrgContext& ctx, const std::wstring& volume) {
                         << LogProperty("Volume", volume);
   setVolumeMode(ctx, kVolumeModeScan);
   resetPassCounters(ctx);
-  scanInProgress = false;
+  scanInProgress_ = false;
   resetPassStatistics();
-  resumePath.clear();
+  resumePath_.clear();
   saveResumeInfo();
 }
 

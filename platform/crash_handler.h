@@ -1,7 +1,8 @@
 // The crash hook: the process's last-chance handler for faults that nothing
-// else handles. It writes the unhandled-exception report of
-// logging/exception_report.h to the log (once logging is initialised) and
-// lets the process end.
+// else handles. It hands the fault, as the Win32 layouts of
+// platform/exception_layouts.h, to the report writer it was installed with
+// (the engine's is reportUnhandledException, which writes the report to the
+// log) and lets the process end.
 //
 // Windows: the report is the process's top-level unhandled-exception filter
 // (SetUnhandledExceptionFilter); it returns 1, so the process ends with the
@@ -13,12 +14,19 @@
 #ifndef GLIDEWELL_PLATFORM_CRASH_HANDLER_H_
 #define GLIDEWELL_PLATFORM_CRASH_HANDLER_H_
 
+#include "platform/exception_layouts.h"
+
 namespace glidewell {
 
-// Installs (or installs again) the hook. Safe to call from any thread and
-// any number of times; dfrg_initialize calls it and the defrag thread calls
-// it again when it starts.
-void installCrashHandler();
+// Writes the report of one fault; runs on the failing thread. Returns what
+// the Windows filter returns (1: the process ends without the system's
+// error dialog).
+using CrashReportWriter = long (*)(const X86ExceptionRecord* record, const X86Context* context);
+
+// Installs (or installs again) the hook with its report writer. Safe to call
+// from any thread and any number of times; dfrg_initialize calls it and the
+// defrag thread calls it again when it starts.
+void installCrashHandler(CrashReportWriter report);
 
 }  // namespace glidewell
 

@@ -4,6 +4,8 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/change_source.h"
+
 namespace glidewell {
 
 namespace {
@@ -22,13 +24,12 @@ wchar_t upper(wchar_t c) { return (c >= L'a' && c <= L'z') ? static_cast<wchar_t
 
 }  // namespace
 
-void addDriveProvider(std::shared_ptr<DriveProvider> provider) {
+void addDriveProvider(std::shared_ptr<DriveProvider> provider, bool first) {
   if (!provider) return;
   DriveList& list = driveList();
   std::lock_guard<std::mutex> guard(list.mutex);
-  if (std::find(list.providers.begin(), list.providers.end(), provider) == list.providers.end()) {
-    list.providers.push_back(std::move(provider));
-  }
+  if (std::find(list.providers.begin(), list.providers.end(), provider) != list.providers.end()) return;
+  list.providers.insert(first ? list.providers.begin() : list.providers.end(), std::move(provider));
 }
 
 void removeDriveProvider(const DriveProvider* provider) {
@@ -65,6 +66,12 @@ DWORD providedDrives() {
   DWORD mask = 0;
   for (const auto& p : providers) mask |= p->drives();
   return mask;
+}
+
+std::unique_ptr<ChangeSource> openChangeSource(wchar_t driveLetter) {
+  std::shared_ptr<DriveProvider> provider = driveProviderFor(driveLetter);
+  if (!provider) return nullptr;
+  return provider->openChangeSource(driveLetter);
 }
 
 }  // namespace glidewell

@@ -3,8 +3,8 @@
 // Windows volumes (volume/win32), simulated disks and their images (sim/),
 // real NTFS volumes opened through libntfs-3g (ntfs/). A host or test adds the
 // providers it wants before the engine runs; the system environments answer
-// the drive questions of Env (logicalDrives, driveType, volumeLabel,
-// openVolume) and openChangeSource from this list.
+// the drive questions of Env (logicalDrives, driveType, volumeLabel) and
+// openChangeSource from this list, and the engine opens volumes through it.
 //
 // Providers are asked in the order they were added; for a letter that several
 // serve, the first one added answers. Implementations must be thread safe.
@@ -18,8 +18,8 @@
 
 namespace glidewell {
 
-// Declared by the layers that implement them (volume/volume_system.h and
-// platform/change_source.h); the list only hands them on.
+// volume/volume_system.h and platform/change_source.h. The platform never
+// holds a volume: volume/drive_volume.h opens one through the list.
 class CVolumeSystem;
 class ChangeSource;
 
@@ -41,8 +41,9 @@ class DriveProvider {
 };
 
 // The process's drive list.
-// Adds provider after those already there; adding one twice has no effect.
-void addDriveProvider(std::shared_ptr<DriveProvider> provider);
+// Adds provider after those already there (before them with first, as a test
+// does whose drives stand in for the system's); adding one twice has no effect.
+void addDriveProvider(std::shared_ptr<DriveProvider> provider, bool first = false);
 void removeDriveProvider(const DriveProvider* provider);
 // The provider that answers for letter ('a' counts as 'A'); null when none.
 std::shared_ptr<DriveProvider> driveProviderFor(wchar_t letter);

@@ -1,6 +1,7 @@
 // Env: the engine's one seam around the operating system for clocks, files,
 // drives and the pause pipe (the registry backend and the crash handler have
-// seams of their own).
+// seams of their own; what stands behind a drive letter comes from the drive
+// providers of platform/drive_provider.h).
 //
 // Env::current() is what the engine uses. It is the real environment of the
 // system it was built for (win32/ or posix/) unless a test installed another
@@ -21,8 +22,6 @@
 #include "platform/wintypes.h"
 
 namespace glidewell {
-
-class CVolumeSystem;
 
 // An open file of the real file system (state files, configuration, logs,
 // dumps). Closed on destruction. Not shared between threads.
@@ -94,16 +93,16 @@ class Env {
   virtual std::wstring currentDirectory() = 0;
 
   // --- Drives ---
+  // The system environments answer these from the process's drive list
+  // (platform/drive_provider.h, through which the engine also opens a drive's
+  // volume); a test environment may answer them itself.
   // GetLogicalDrives: bit i set when drive 'A' + i exists.
-  virtual DWORD logicalDrives() = 0;
-  // GetDriveTypeW of a root path such as "C:\".
-  virtual UINT driveType(const std::wstring& rootPath) = 0;
+  virtual DWORD logicalDrives();
+  // GetDriveTypeW of a root path such as "C:\\" (DRIVE_NO_ROOT_DIR when no
+  // drive has that root).
+  virtual UINT driveType(const std::wstring& rootPath);
   // The volume label (GetVolumeInformationW asking only for the name).
-  virtual bool volumeLabel(const std::wstring& rootPath, std::wstring* label) = 0;
-  // Opens the volume of a drive letter for the engine: a CWinVolumeSystem on
-  // Windows, a handle onto a simulated disk elsewhere. Throws CDfrgException
-  // with code -1 (ErrorVolumeUnavailable) when it cannot be opened.
-  virtual std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter) = 0;
+  virtual bool volumeLabel(const std::wstring& rootPath, std::wstring* label);
 
   // --- Named pipes ---
   // Opens the client end of a named pipe ("\\.\pipe\Name") for reading.
@@ -145,7 +144,6 @@ class EnvWrapper : public Env {
   bool volumeLabel(const std::wstring& rootPath, std::wstring* label) override {
     return target_->volumeLabel(rootPath, label);
   }
-  std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter) override;
   std::unique_ptr<OsHandle> openPipeClient(const std::wstring& name, DWORD* error) override {
     return target_->openPipeClient(name, error);
   }

@@ -17,8 +17,8 @@ enum class WaitResult { kSignaled, kTimeout, kFailed };
 
 // A Win32-style event. Manual-reset events stay signalled until reset;
 // auto-reset events release one waiter (or one successful wait) and reset
-// themselves. Thread safe. Move-only; the underlying object is closed when the
-// Event is destroyed.
+// themselves. Thread safe. Neither copied nor moved: waiters and waitAny hold
+// it by address. The underlying object is closed when the Event is destroyed.
 class Event {
  public:
   Event(bool manualReset, bool initiallySignaled);

@@ -7,7 +7,8 @@ PKGS=(cmake ninja-build g++ pkg-config
       libgtest-dev libgmock-dev libbenchmark-dev librapidcheck-dev
       libtinyxml-dev libsqlite3-dev libcli11-dev libfmt-dev libstb-dev
       g++-mingw-w64-i686 g++-mingw-w64-x86-64 binutils-mingw-w64-i686 binutils-mingw-w64-x86-64
-      wine64 dpkg-dev)
+      wine64 dpkg-dev
+      ntfs-3g-dev ntfs-3g python3-libfsntfs)
 
 missing=()
 for p in "${PKGS[@]}"; do

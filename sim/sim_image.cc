@@ -5,10 +5,10 @@
 #include <algorithm>
 
 #include "dump/volume_dump.h"
-#include "engine/dfrg_context.h"
 #include "engine/dfrg_exception.h"
 #include "platform/text.h"
 #include "sim/sim_volume_system.h"
+#include "volume/volume_context.h"
 
 namespace glidewell {
 
@@ -96,7 +96,7 @@ bool saveSimImage(const SimDisk& disk, wchar_t driveLetter, std::FILE* out, std:
   ScopedLogMute quiet;
   try {
     std::shared_ptr<SimDisk> copy = disk.clone();
-    CDfrgContext ctx(std::make_unique<SimVolumeSystem>(copy, driveLetter), 0, nullptr);
+    CStandaloneContext ctx(std::make_unique<SimVolumeSystem>(copy, driveLetter));
     writeVolumeDump(out, &ctx);
   } catch (const CDfrgException& e) {
     *error = "cannot save the image: " + e.message;

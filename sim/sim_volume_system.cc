@@ -10,7 +10,6 @@ namespace glidewell {
 
 namespace {
 
-constexpr DWORD kBitmapTransfer = 16 + 9000;  // header and 72000 clusters
 // Case-sensitive search and preserved names, Unicode, ACLs, compression,
 // quotas, sparse files, reparse points, object ids, encryption.
 constexpr DWORD kNtfsVolumeFlags = 0x000300FF;
@@ -106,26 +105,7 @@ int32_t SimVolumeSystem::getFileSystemType() {
   return kFileSystemUnknown;
 }
 
-bool SimVolumeSystem::getVolumeBitmap(uint8_t** bitmap) {
-  uint64_t total = disk_->totalClusters();
-  std::unique_ptr<uint8_t[]> result(new uint8_t[(total + 7) / 8]());
-  std::vector<uint8_t> work(kBitmapTransfer);
-  int64_t next = 0;
-  for (;;) {
-    DWORD returned = 0;
-    BOOL ok = getVolumeBitmapChunk(&next, work.data(), kBitmapTransfer, &returned);
-    DWORD error = ok ? ERROR_SUCCESS : GetLastError();
-    if (!ok && error != ERROR_MORE_DATA) break;
-    int64_t start, size;
-    std::memcpy(&start, work.data(), 8);
-    std::memcpy(&size, work.data() + 8, 8);
-    std::memcpy(result.get() + start / 8, work.data() + 16, returned - 16);
-    if (ok) break;
-    next = start + std::min<int64_t>(size, 72000);
-  }
-  *bitmap = result.release();  // the caller owns it and frees it with delete[]
-  return true;
-}
+bool SimVolumeSystem::getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) { return readWholeBitmap(*this, bitmap); }
 
 void SimVolumeSystem::getExtendedStatistics(uint64_t* first, uint64_t* second) {
   SimStats stats = disk_->stats();

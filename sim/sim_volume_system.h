@@ -41,7 +41,7 @@ class SimVolumeSystem : public CVolumeSystem {
   uint32_t getBytesPerCluster() override;
   int32_t getFileSystemType() override;
   wchar_t getDriveLetter() override;
-  bool getVolumeBitmap(uint8_t** bitmap) override;
+  bool getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) override;
   // first: the number of files; second: how many of them are fragmented.
   void getExtendedStatistics(uint64_t* first, uint64_t* second) override;
   BOOL getVolumeInformation(wchar_t* nameBuffer, DWORD nameSize, DWORD* serialNumber, DWORD* maxComponentLength,

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "engine/dfrg_context.h"
+#include "volume/volume_context.h"
 #include "engine/dfrg_exception.h"
 #include "logging/logger.h"
 #include "platform/text.h"
@@ -37,7 +37,7 @@ uint64_t readU64(const uint8_t* p) {
 
 }  // namespace
 
-CDfrgFile::CDfrgFile(CDfrgContext& context, const std::wstring& name, bool isDirectory) : context_(context) {
+CDfrgFile::CDfrgFile(CVolumeContext& context, const std::wstring& name, bool isDirectory) : context_(context) {
   CVolumeSystem& vol = context.volume();
   if (name.size() >= 2 && name[1] == L':') {
     path_ = name;
@@ -138,7 +138,7 @@ bool CDfrgFile::getFileExtents(ExtentList& extents) {
     if (ok) return result;
     // A reply that asks for more but made no progress would loop for ever.
     if (count == 0) return false;
-    checkState(context_);
+    context_.checkState();
   }
 }
 

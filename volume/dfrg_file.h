@@ -10,7 +10,7 @@
 
 namespace glidewell {
 
-class CDfrgContext;
+class CVolumeContext;
 class CVolumeSystem;
 
 class CDfrgFile {
@@ -18,7 +18,7 @@ class CDfrgFile {
   // Opens the file through the context's volume. A name whose second character
   // is ':' is a full path; any other name is taken relative to the volume root.
   // Throws CDfrgException(<Win32 error>, "Couldn't open file <path>") on failure.
-  CDfrgFile(CDfrgContext& context, const std::wstring& name, bool isDirectory);
+  CDfrgFile(CVolumeContext& context, const std::wstring& name, bool isDirectory);
   virtual ~CDfrgFile();
   CDfrgFile(const CDfrgFile&) = delete;
   CDfrgFile& operator=(const CDfrgFile&) = delete;
@@ -33,14 +33,14 @@ class CDfrgFile {
   // 16 for compressed or sparse files (moves go in whole compression units), else 1.
   uint64_t getMoveGranularity() const;
 
-  CDfrgContext& context() const { return context_; }
+  CVolumeContext& context() const { return context_; }
   CVolumeSystem& volume() const;
   HANDLE handle() const { return handle_; }
   DWORD attributes() const { return attributes_; }
   const std::wstring& path() const { return path_; }
 
  private:
-  CDfrgContext& context_;
+  CVolumeContext& context_;
   std::wstring path_;
   HANDLE handle_ = INVALID_HANDLE_VALUE;
   DWORD attributes_ = INVALID_FILE_ATTRIBUTES;

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "config/dfrg_config.h"
-#include "engine/dfrg_context.h"
+#include "volume/volume_context.h"
 #include "logging/logger.h"
 #include "platform/env.h"
 #include "volume/volume_system.h"
@@ -20,15 +20,10 @@ namespace {
 
 using Run = FreeExtentList::iterator;
 
-// One FSCTL_GET_VOLUME_BITMAP reply: the 16-byte header and 9000 bitmap bytes,
-// the bits of 72000 clusters.
-constexpr DWORD kBitmapHeaderBytes = 16;
-constexpr DWORD kBitmapBufferBytes = kBitmapHeaderBytes + 9000;
-
 // The longest updateSnapshotExt so far, process-wide.
 std::atomic<uint32_t> longestUpdateMs{0};
 
-uint64_t maxExtentListSize(CDfrgContext& ctx) {
+uint64_t maxExtentListSize(CVolumeContext& ctx) {
   CDfrgConfig* config = ctx.config() != nullptr ? ctx.config() : CDfrgConfig::current();
   return config != nullptr ? config->maxExtentListSize() : CDfrgConfig::kDefaultMaxExtentListSize;
 }
@@ -82,12 +77,12 @@ void clearRuns(CExtentSnapshot& snap) {
   snap.suspendIndex();
 }
 
-CExtentSnapshot& ensureSnapshot(CDfrgContext& ctx) {
+CExtentSnapshot& ensureSnapshot(CVolumeContext& ctx) {
   if (!ctx.snapshot) ctx.snapshot = std::make_unique<CExtentSnapshot>();
   return *ctx.snapshot;
 }
 
-void clearSnapshot(CDfrgContext& ctx) {
+void clearSnapshot(CVolumeContext& ctx) {
   CExtentSnapshot& snap = ensureSnapshot(ctx);
   clearRuns(snap);
   snap.evictionCandidate = snap.freeExtents.end();
@@ -187,7 +182,7 @@ uint16_t load16(const uint8_t* p) {
 // the index it stays aside, and the searches walk the list.
 class FullScanEnd {
  public:
-  explicit FullScanEnd(CDfrgContext& ctx) : ctx_(ctx) {}
+  explicit FullScanEnd(CVolumeContext& ctx) : ctx_(ctx) {}
   ~FullScanEnd() {
     ScopedLock guard(ctx_.lock);
     if (!ctx_.snapshot) return;
@@ -201,13 +196,13 @@ class FullScanEnd {
   FullScanEnd& operator=(const FullScanEnd&) = delete;
 
  private:
-  CDfrgContext& ctx_;
+  CVolumeContext& ctx_;
 };
 
 // The two open runs of a bitmap walk and what closing them does to the list.
 class BitmapWalk {
  public:
-  BitmapWalk(CDfrgContext& ctx, bool incremental) : ctx_(ctx), incremental_(incremental) {}
+  BitmapWalk(CVolumeContext& ctx, bool incremental) : ctx_(ctx), incremental_(incremental) {}
 
   void freeStep(uint64_t lcn) {
     if (usedStart != kNoCluster) {
@@ -277,7 +272,7 @@ class BitmapWalk {
   uint64_t freeStart = kNoCluster;
 
  private:
-  CDfrgContext& ctx_;
+  CVolumeContext& ctx_;
   bool incremental_;
 };
 
@@ -296,7 +291,7 @@ void CExtentSnapshot::resumeIndex() {
   freeExtents.index_ = index_.get();
 }
 
-bool getSnapshot(CDfrgContext& ctx, const FreeExtentList** list) {
+bool getSnapshot(CVolumeContext& ctx, const FreeExtentList** list) {
   ScopedLock guard(ctx.lock);
   if (!ctx.snapshot) {
     *list = nullptr;
@@ -306,7 +301,7 @@ bool getSnapshot(CDfrgContext& ctx, const FreeExtentList** list) {
   return true;
 }
 
-void addFreeExtent(CDfrgContext& ctx, const ClusterRange& range, bool incremental) {
+void addFreeExtent(CVolumeContext& ctx, const ClusterRange& range, bool incremental) {
   ScopedLock guard(ctx.lock);
   CExtentSnapshot& snap = ensureSnapshot(ctx);
   FreeExtentList& list = snap.freeExtents;
@@ -355,7 +350,7 @@ void addFreeExtent(CDfrgContext& ctx, const ClusterRange& range, bool incrementa
   if (snap.evictionCandidate == list.end()) chooseShortestCandidate(snap);
 }
 
-void removeUsedRange(CDfrgContext& ctx, const ClusterRange& range) {
+void removeUsedRange(CVolumeContext& ctx, const ClusterRange& range) {
   ScopedLock guard(ctx.lock);
   CExtentSnapshot& snap = ensureSnapshot(ctx);
   FreeExtentList& list = snap.freeExtents;
@@ -407,7 +402,7 @@ void removeUsedRange(CDfrgContext& ctx, const ClusterRange& range) {
   if (changed && snap.evictionCandidate == list.end()) chooseShortestCandidate(snap);
 }
 
-bool scanBitmap(CDfrgContext& ctx, uint64_t start, uint64_t end, bool incremental) {
+bool scanBitmap(CVolumeContext& ctx, uint64_t start, uint64_t end, bool incremental) {
   CVolumeSystem& volume = ctx.volume();
   const uint64_t totalClusters = volume.getTotalClusters();
   const bool ranged = end != kNoCluster;
@@ -429,7 +424,7 @@ bool scanBitmap(CDfrgContext& ctx, uint64_t start, uint64_t end, bool incrementa
   const bool needEndBit = endBitInherited && end < totalClusters;
 
   // 8-byte aligned, and not cleared: only the bytes a reply returns are read.
-  std::unique_ptr<uint64_t[]> storage(new uint64_t[kBitmapBufferBytes / 8]);
+  std::unique_ptr<uint64_t[]> storage(new uint64_t[kBitmapReplyBytes / 8]);
   uint8_t* buffer = reinterpret_cast<uint8_t*>(storage.get());
   BitmapWalk walk(ctx, incremental);
   uint64_t next = start;  // the next cluster to examine
@@ -437,12 +432,12 @@ bool scanBitmap(CDfrgContext& ctx, uint64_t start, uint64_t end, bool incrementa
   for (;;) {
     int64_t startingLcn = static_cast<int64_t>(next);
     DWORD returned = 0;
-    BOOL ok = volume.getVolumeBitmapChunk(&startingLcn, buffer, kBitmapBufferBytes, &returned);
+    BOOL ok = volume.getVolumeBitmapChunk(&startingLcn, buffer, kBitmapReplyBytes, &returned);
     if (!ok && GetLastError() != ERROR_MORE_DATA) break;
-    if (returned < kBitmapHeaderBytes) break;
+    if (returned < kBitmapReplyHeaderBytes) break;
     uint64_t base = load64(buffer);
     uint64_t bitmapSize = load64(buffer + 8);
-    uint64_t bits = std::min<uint64_t>(8ull * (std::min(returned, kBitmapBufferBytes) - kBitmapHeaderBytes), bitmapSize);
+    uint64_t bits = std::min<uint64_t>(8ull * (std::min(returned, kBitmapReplyBytes) - kBitmapReplyHeaderBytes), bitmapSize);
     const uint64_t before = next;
     // The file system rounds the starting LCN down to a multiple of 8, so the
     // bits below the next cluster to examine were seen already.
@@ -450,7 +445,7 @@ bool scanBitmap(CDfrgContext& ctx, uint64_t start, uint64_t end, bool incrementa
       uint64_t from = std::max(next, base);
       uint64_t to = std::min(base + bits - 1, lastExamined);
       if (from <= to) {
-        walk.walk(buffer + kBitmapHeaderBytes, base, from - base, to - base, totalClusters);
+        walk.walk(buffer + kBitmapReplyHeaderBytes, base, from - base, to - base, totalClusters);
         next = to + 1;
       }
     }
@@ -461,7 +456,7 @@ bool scanBitmap(CDfrgContext& ctx, uint64_t start, uint64_t end, bool incrementa
       }
       reachedEnd = true;
     }
-    checkState(ctx);
+    ctx.checkState();
     bool done = reachedEnd || (next > lastExamined && !needEndBit);
     if (done || ok || next == before) break;
   }
@@ -474,7 +469,7 @@ bool scanBitmap(CDfrgContext& ctx, uint64_t start, uint64_t end, bool incrementa
   return true;
 }
 
-bool makeExtentSnapshot(CDfrgContext& ctx) {
+bool makeExtentSnapshot(CVolumeContext& ctx) {
   Env* env = Env::current();
   uint32_t t0 = env->timeGetTime();
   {
@@ -492,7 +487,7 @@ bool makeExtentSnapshot(CDfrgContext& ctx) {
   return result;
 }
 
-bool updateSnapshotRange(CDfrgContext& ctx, uint64_t start, uint64_t end) {
+bool updateSnapshotRange(CVolumeContext& ctx, uint64_t start, uint64_t end) {
   if (start == 0 && end == kNoCluster) {
     ScopedLock guard(ctx.lock);
     clearSnapshot(ctx);
@@ -503,7 +498,7 @@ bool updateSnapshotRange(CDfrgContext& ctx, uint64_t start, uint64_t end) {
   return scanBitmap(ctx, start, end, true);
 }
 
-bool updateSnapshotExt(CDfrgContext& ctx, const ExtentList& extents) {
+bool updateSnapshotExt(CVolumeContext& ctx, const ExtentList& extents) {
   Env* env = Env::current();
   uint32_t t0 = env->timeGetTime();
   const size_t n = extents.size();

@@ -13,11 +13,19 @@
 #define GLIDEWELL_VOLUME_VOLUME_SYSTEM_H_
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "platform/wintypes.h"
 
 namespace glidewell {
+
+// One FSCTL_GET_VOLUME_BITMAP reply as the engine asks for it: the 16-byte
+// VOLUME_BITMAP_BUFFER header and 9000 bitmap bytes, the bits of 72000
+// clusters.
+constexpr DWORD kBitmapReplyHeaderBytes = 16;
+constexpr DWORD kBitmapReplyBytes = kBitmapReplyHeaderBytes + 9000;
+constexpr uint64_t kBitmapReplyClusters = 72000;
 
 // File-system type codes of getFileSystemType.
 enum FileSystemType : int32_t {
@@ -30,6 +38,12 @@ enum FileSystemType : int32_t {
 // "NTFS", "FAT 16", "FAT 32" or "unknown", as log records show the type.
 std::string fileSystemName(int32_t type);
 
+class CVolumeSystem;
+// getVolumeBitmap built on the volume's getVolumeBitmapChunk: reply after
+// reply of kBitmapReplyBytes until the last; a failing reply ends the read
+// with the rest left free. Always true.
+bool readWholeBitmap(CVolumeSystem& volume, std::unique_ptr<uint8_t[]>* bitmap);
+
 class CVolumeSystem {
  public:
   virtual ~CVolumeSystem() = default;
@@ -40,8 +54,9 @@ class CVolumeSystem {
   virtual int32_t getFileSystemType() = 0;
   virtual wchar_t getDriveLetter() = 0;
   // Reads the whole volume bitmap into a new buffer of ceil(totalClusters / 8)
-  // bytes, owned by the caller (delete[]). Bit k of byte j: cluster 8j + k in use.
-  virtual bool getVolumeBitmap(uint8_t** bitmap) = 0;
+  // bytes. Bit k of byte j: cluster 8j + k in use. A reply that fails part
+  // way leaves the rest of the buffer zero (free), as Windows leaves it.
+  virtual bool getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) = 0;
   // Not provided by the Windows implementation (throws std::string "not Implemented").
   virtual void getExtendedStatistics(uint64_t* first, uint64_t* second) = 0;
   virtual BOOL getVolumeInformation(wchar_t* nameBuffer, DWORD nameSize, DWORD* serialNumber,

@@ -46,7 +46,6 @@
 #include <atomic>
 #include <cstring>
 
-#include "logging/exception_report.h"
 #include "platform/crash_handler.h"
 
 namespace glidewell {
@@ -57,6 +56,7 @@ constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL};
 constexpr unsigned kReportSeconds = 10;
 constexpr size_t kAltStackSize = 64 * 1024;
 
+std::atomic<CrashReportWriter> reportWriter{nullptr};
 std::atomic<bool> reporting{false};
 std::atomic<bool> altStackInstalled{false};
 // The signal stack of the first thread that installs the hook, so that a
@@ -172,7 +172,7 @@ void onFatalSignal(int sig, siginfo_t* info, void* raw) {
     } else {
       context.ContextFlags = kX86ContextFamily;
     }
-    reportUnhandledException(&record, &context);
+    if (CrashReportWriter writer = reportWriter.load()) writer(&record, &context);
   }
   // Ends the process by the same signal: at once for one sent by raise or
   // kill, and by the fault again for one the instruction caused.
@@ -181,7 +181,8 @@ void onFatalSignal(int sig, siginfo_t* info, void* raw) {
 
 }  // namespace
 
-void installCrashHandler() {
+void installCrashHandler(CrashReportWriter report) {
+  reportWriter.store(report);
   // A thread that already has an alternate stack (a sanitizer's, say) keeps
   // it: replacing it would leave its owner freeing our static buffer.
   stack_t current;

@@ -1,6 +1,5 @@
-// The POSIX environment. Its methods are spread over env_posix.cc (clocks,
-// files, pipes, process) and drives_posix.cc (the drive list: the disk images
-// in <install dir>/volumes/).
+// The POSIX environment (env_posix.cc: clocks, files, pipes, process). Its
+// drives are those of the drive list (platform/drive_provider.h).
 #ifndef GLIDEWELL_PLATFORM_POSIX_POSIX_ENV_H_
 #define GLIDEWELL_PLATFORM_POSIX_POSIX_ENV_H_
 
@@ -32,18 +31,10 @@ class PosixEnv : public Env {
   bool deleteFile(const std::wstring& path) override;
   std::wstring currentDirectory() override;
 
-  DWORD logicalDrives() override;
-  UINT driveType(const std::wstring& rootPath) override;
-  bool volumeLabel(const std::wstring& rootPath, std::wstring* label) override;
-  std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter) override;
-
   std::unique_ptr<OsHandle> openPipeClient(const std::wstring& name, DWORD* error) override;
   bool waitNamedPipe(const std::wstring& name, uint32_t timeoutMs) override;
 
   void exitProcess(int status) override;
-
-  // Where a drive letter's image lives: <install dir>/volumes/<letter>.vdf.
-  std::string imagePath(wchar_t driveLetter);
 
  private:
   std::mutex mutex_;

@@ -1,8 +1,9 @@
-// Change notification on a real volume: an overlapped ReadDirectoryChangesW
-// on the root directory, waited for together with the watcher's stop event.
+// Change notification on a real directory: an overlapped ReadDirectoryChangesW
+// on it, waited for together with the watcher's stop event.
 #include <string>
 
-#include "platform/change_source.h"
+#include "platform/win32/directory_change_source.h"
+
 #include "platform/win32/scoped_handle.h"
 #include "platform/win32/win32_sync.h"
 
@@ -56,9 +57,8 @@ class Win32ChangeSource : public ChangeSource {
 
 }  // namespace
 
-std::unique_ptr<ChangeSource> openChangeSource(wchar_t driveLetter) {
-  std::wstring root = std::wstring(1, driveLetter) + L":\\";
-  ScopedHandle directory(::CreateFileW(root.c_str(), FILE_LIST_DIRECTORY,
+std::unique_ptr<ChangeSource> openDirectoryChangeSource(const std::wstring& directoryPath) {
+  ScopedHandle directory(::CreateFileW(directoryPath.c_str(), FILE_LIST_DIRECTORY,
                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                                        FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OVERLAPPED, nullptr));
   if (!directory.isValid()) return nullptr;

@@ -20,15 +20,22 @@
 // context's reported address is that of the mapped copy.
 #include <windows.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 
-#include "logging/exception_report.h"
 #include "platform/crash_handler.h"
 
 namespace glidewell {
 
 namespace {
+
+std::atomic<CrashReportWriter> reportWriter{nullptr};
+
+LONG writeReport(const X86ExceptionRecord* record, const X86Context* context) {
+  CrashReportWriter writer = reportWriter.load();
+  return writer != nullptr ? writer(record, context) : EXCEPTION_EXECUTE_HANDLER;
+}
 
 static_assert(sizeof(X86ExceptionRecord) == sizeof(EXCEPTION_RECORD), "EXCEPTION_RECORD layout");
 static_assert(offsetof(X86ExceptionRecord, ExceptionRecord) == offsetof(EXCEPTION_RECORD, ExceptionRecord),
@@ -47,7 +54,7 @@ static_assert(sizeof(CONTEXT) == sizeof(X86Context), "x86 CONTEXT layout");
 static_assert(offsetof(CONTEXT, ExtendedRegisters) == offsetof(X86Context, ExtendedRegisters), "x86 CONTEXT layout");
 
 LONG report(EXCEPTION_POINTERS* info) {
-  return reportUnhandledException(reinterpret_cast<const X86ExceptionRecord*>(info->ExceptionRecord),
+  return writeReport(reinterpret_cast<const X86ExceptionRecord*>(info->ExceptionRecord),
                                   reinterpret_cast<const X86Context*>(info->ContextRecord));
 }
 
@@ -115,7 +122,7 @@ LONG report(EXCEPTION_POINTERS* info) {
   X86Context context;
   std::memset(&context, 0, sizeof(context));
   if (info->ContextRecord != nullptr) mapContext(*info->ContextRecord, &context);
-  return reportUnhandledException(reinterpret_cast<const X86ExceptionRecord*>(info->ExceptionRecord),
+  return writeReport(reinterpret_cast<const X86ExceptionRecord*>(info->ExceptionRecord),
                                   info->ContextRecord != nullptr ? &context : nullptr);
 }
 
@@ -128,6 +135,9 @@ LONG WINAPI unhandledExceptionFilter(EXCEPTION_POINTERS* info) {
 
 }  // namespace
 
-void installCrashHandler() { SetUnhandledExceptionFilter(unhandledExceptionFilter); }
+void installCrashHandler(CrashReportWriter report) {
+  reportWriter.store(report);
+  SetUnhandledExceptionFilter(unhandledExceptionFilter);
+}
 
 }  // namespace glidewell

@@ -1,6 +1,7 @@
-// The Windows environment: the engine's Env over the Win32 API. Its methods
-// are spread over env_win32.cc (clocks, files, pipes, process) and
-// drives_win32.cc (the drive list and opening a volume).
+// The Windows environment: the engine's Env over the Win32 API
+// (env_win32.cc: clocks, files, pipes, process). Its drives are those of the
+// drive list (platform/drive_provider.h), where volume/win32 adds the
+// system's own.
 #ifndef GLIDEWELL_PLATFORM_WIN32_WIN32_ENV_H_
 #define GLIDEWELL_PLATFORM_WIN32_WIN32_ENV_H_
 
@@ -28,11 +29,6 @@ class Win32Env : public Env {
   bool createDirectory(const std::wstring& path) override;
   bool deleteFile(const std::wstring& path) override;
   std::wstring currentDirectory() override;
-
-  DWORD logicalDrives() override;
-  UINT driveType(const std::wstring& rootPath) override;
-  bool volumeLabel(const std::wstring& rootPath, std::wstring* label) override;
-  std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter) override;
 
   std::unique_ptr<OsHandle> openPipeClient(const std::wstring& name, DWORD* error) override;
   bool waitNamedPipe(const std::wstring& name, uint32_t timeoutMs) override;

@@ -10,6 +10,7 @@
 
 #include "changes/manual_change_tracker.h"
 #include "engine/dfrg_exception.h"
+#include "sim/posix/sim_drive_provider.h"
 #include "sim/sim_disk.h"
 #include "sim/sim_drives.h"
 #include "sim/sim_notify.h"
@@ -50,6 +51,7 @@ class ChangeTrackerTest : public ::testing::Test {
     g.totalClusters = 4096;
     disk = std::make_shared<SimDisk>(g);
     SimDrives::instance().plug(kLetter, disk);
+    addDriveProvider(SimDriveProvider::instance());
     tracker = std::make_unique<CManualChangeTracker>(kLetter, dir.path() + L"changeTrack_T");
   }
   void TearDown() override {

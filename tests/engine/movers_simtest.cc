@@ -1,7 +1,8 @@
 // The three movers on a simulated volume: where files go, in what pieces,
 // and what is counted and logged when moves fail. Every test ends with the
 // disk verified (see the fixture).
-#include "tests/engine/sim_engine_fixture.h"
+#include "dfrg_thread_peer.h"
+#include "sim_engine_fixture.h"
 
 #include "engine/move_primitives.h"
 
@@ -54,7 +55,7 @@ TEST_P(PlacementTest, FileEndsWhereTheMoverChooses) {
   if (c.mover == Mover::kDefrag) {
     ExtentList after;
     moved = defrag(L"f", &after);
-    EXPECT_EQ(worker.defraggedCount, c.moved ? 1 : 0);
+    EXPECT_EQ(worker.passCounters().defragged, c.moved ? 1 : 0);
     if (c.moved) {
       EXPECT_EQ(after.size(), 1u);
     }
@@ -68,7 +69,7 @@ TEST_P(PlacementTest, FileEndsWhereTheMoverChooses) {
     } else {
       EXPECT_TRUE(worker.moveToBetterPlace(ctx(), file, extents, moved));
     }
-    EXPECT_EQ(worker.movedCount, c.moved ? 1 : 0);
+    EXPECT_EQ(worker.passCounters().moved, c.moved ? 1 : 0);
   }
   EXPECT_EQ(moved, c.moved);
   EXPECT_EQ(layout(L"f"), c.after);
@@ -169,8 +170,8 @@ TEST_F(DefragFileTest, CompressionUnitLargerThanTheMoveSizeIsImpossibleAndGivenU
   EXPECT_EQ(gaveUp[0].priority, kLogWarning);
   EXPECT_EQ(property(gaveUp[0], "Error"), "-18");
   EXPECT_EQ(property(gaveUp[0], "Number of Clusters"), "64");
-  EXPECT_EQ(worker.errorCount, 1);
-  EXPECT_EQ(worker.defraggedCount, 0);
+  EXPECT_EQ(worker.passCounters().errors, 1);
+  EXPECT_EQ(worker.passCounters().defragged, 0);
 }
 
 class RefusedMoveTest : public DefragFileTest, public ::testing::WithParamInterface<std::pair<DWORD, int>> {};
@@ -191,7 +192,7 @@ TEST_P(RefusedMoveTest, ThreeAttemptsThenTheWarning) {
   ASSERT_EQ(gaveUp.size(), 1u);
   EXPECT_EQ(property(gaveUp[0], "Error"), std::to_string(GetParam().second));
   EXPECT_EQ(property(gaveUp[0], "Target LCN"), "200");
-  EXPECT_EQ(worker.errorCount, 1);
+  EXPECT_EQ(worker.passCounters().errors, 1);
   EXPECT_EQ(layout(L"f"), (Pieces{{1000, 20}, {2000, 20}}));
 }
 
@@ -205,8 +206,8 @@ TEST_F(DefragFileTest, OneRefusedMoveIsRetriedAndSucceeds) {
   disk->failMoves(1, ERROR_ACCESS_DENIED);
   EXPECT_TRUE(defrag(L"f"));
   EXPECT_EQ(layout(L"f").size(), 1u);
-  EXPECT_EQ(worker.errorCount, 0);
-  EXPECT_EQ(worker.defraggedCount, 1);
+  EXPECT_EQ(worker.passCounters().errors, 0);
+  EXPECT_EQ(worker.passCounters().defragged, 1);
 }
 
 // Free space made of runs of 99 clusters, none of which holds a 100-cluster
@@ -226,11 +227,11 @@ TEST_P(SpaceOnlyTest, TheMarginDecidesBetweenDeferredAndSpaceOnly) {
     left -= len;
   }
   keepFreeOnly(runs);
-  worker.scanInProgress = true;
+  DfrgThreadTestPeer::scanInProgress(worker) = true;
   EXPECT_FALSE(defrag(L"f"));
-  EXPECT_EQ(worker.nonDefraggableCount, 1);
-  EXPECT_EQ(worker.spaceOnlyCount, spaceOnly ? 1 : 0);
-  EXPECT_EQ(worker.deferred, spaceOnly ? std::vector<std::wstring>{} : std::vector<std::wstring>{L"C:\\f"});
+  EXPECT_EQ(worker.passCounters().nonDefraggable, 1);
+  EXPECT_EQ(worker.passCounters().spaceOnly, spaceOnly ? 1 : 0);
+  EXPECT_EQ(worker.deferredFiles(), spaceOnly ? std::vector<std::wstring>{} : std::vector<std::wstring>{L"C:\\f"});
   EXPECT_TRUE(probe->moveList().empty());
 }
 
@@ -239,13 +240,13 @@ INSTANTIATE_TEST_SUITE_P(Margin, SpaceOnlyTest, ::testing::Bool());
 TEST(DeferredListTest, TheThousandAndFirstFileEmptiesTheListAndStopsDeferring) {
   DfrgThread worker("");
   for (int i = 0; i < 1000; ++i) worker.deferFile(L"C:\\f" + std::to_wstring(i));
-  EXPECT_EQ(worker.deferred.size(), 1000u);
-  EXPECT_FALSE(worker.deferredOverflow);
+  EXPECT_EQ(worker.deferredFiles().size(), 1000u);
+  EXPECT_FALSE(worker.deferredOverflow());
   worker.deferFile(L"C:\\one-too-many");
-  EXPECT_TRUE(worker.deferred.empty());
-  EXPECT_TRUE(worker.deferredOverflow);
+  EXPECT_TRUE(worker.deferredFiles().empty());
+  EXPECT_TRUE(worker.deferredOverflow());
   worker.resetPassStatistics();
-  EXPECT_FALSE(worker.deferredOverflow);
+  EXPECT_FALSE(worker.deferredOverflow());
 }
 
 }  // namespace

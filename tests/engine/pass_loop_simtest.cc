@@ -1,7 +1,7 @@
 // The pass loop run by the engine's worker over simulated drives: which
 // volumes it treats, what it logs, the settings it leaves behind, and stop
 // and pause while files are being moved.
-#include "tests/engine/sim_engine_fixture.h"
+#include "sim_engine_fixture.h"
 
 #include <atomic>
 #include <chrono>

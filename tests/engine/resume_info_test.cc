@@ -11,6 +11,7 @@
 #include "config/dfrg_statistics.h"
 #include "config/registry_store.h"
 #include "engine/dfrg_thread.h"
+#include "dfrg_thread_peer.h"
 #include "platform/registry_backend.h"
 #include "sim/sim_disk.h"
 #include "sim/sim_volume_system.h"
@@ -18,17 +19,6 @@
 #include "support/temp_dir.h"
 
 namespace glidewell {
-
-class DfrgThreadTestPeer {
- public:
-  static void addVolume(DfrgThread& t, wchar_t letter, CDfrgConfig* config) {
-    SimGeometry g;
-    g.totalClusters = 64;
-    auto volume = std::make_unique<SimVolumeSystem>(std::make_shared<SimDisk>(g), letter);
-    t.contexts_.push_back(std::make_unique<CDfrgContext>(std::move(volume), static_cast<int>(t.contexts_.size()), config));
-  }
-  static CDfrgContext& context(DfrgThread& t, size_t i) { return *t.contexts_[i]; }
-};
 
 namespace {
 
@@ -58,25 +48,25 @@ class ResumeInfoTest : public ::testing::Test {
   }
   // A saved state with something in every field.
   void fillAndSave() {
-    worker.resumePath = L"C:\\dir\\file.txt";
-    worker.defraggedCount = 1;
-    worker.nonDefraggableCount = 2;
-    worker.spaceOnlyCount = 3;
-    worker.errorCount = 4;
-    worker.movedCount = 5;
-    worker.processedCount = 6;
-    worker.deferredOverflow = true;
-    worker.deferred = {L"C:\\a", L"C:\\bb", L"C:\\ccc"};
+    DfrgThreadTestPeer::resumePath(worker) = L"C:\\dir\\file.txt";
+    DfrgThreadTestPeer::counters(worker).defragged = 1;
+    DfrgThreadTestPeer::counters(worker).nonDefraggable = 2;
+    DfrgThreadTestPeer::counters(worker).spaceOnly = 3;
+    DfrgThreadTestPeer::counters(worker).errors = 4;
+    DfrgThreadTestPeer::counters(worker).moved = 5;
+    DfrgThreadTestPeer::counters(worker).processed = 6;
+    DfrgThreadTestPeer::deferredOverflow(worker) = true;
+    DfrgThreadTestPeer::deferred(worker) = {L"C:\\a", L"C:\\bb", L"C:\\ccc"};
     ctx(0).pass = 7;
     ctx(0).panicPass = 1;
     ASSERT_TRUE(worker.saveResumeInfo());
   }
   CRegistryKey key(CRegistryStore& store) { return store.key(kKeyPath, KEY_ALL_ACCESS, true); }
   void expectReset() {
-    EXPECT_EQ(worker.resumePath, L"");
-    EXPECT_EQ(worker.processedCount, 0);
-    EXPECT_TRUE(worker.deferred.empty());
-    EXPECT_FALSE(worker.deferredOverflow);
+    EXPECT_EQ(worker.resumePath(), L"");
+    EXPECT_EQ(worker.passCounters().processed, 0);
+    EXPECT_TRUE(worker.deferredFiles().empty());
+    EXPECT_FALSE(worker.deferredOverflow());
     for (size_t i = 0; i < worker.contextCount(); ++i) {
       EXPECT_EQ(ctx(i).pass, -1);
       EXPECT_EQ(ctx(i).panicPass, -1);
@@ -107,30 +97,30 @@ TEST_F(ResumeInfoTest, SaveWritesTheFieldsInOrderAndLoadRestoresThem) {
   EXPECT_EQ(bytes.substr(bytes.size() - 24, 12), le32('C') + le32(7) + le32(1));
 
   worker.resetPassStatistics();
-  worker.resumePath.clear();
+  DfrgThreadTestPeer::resumePath(worker).clear();
   ctx(0).pass = ctx(1).pass = 99;
   ASSERT_TRUE(worker.loadResumeInfo());
-  EXPECT_EQ(worker.resumePath, L"C:\\dir\\file.txt");
-  EXPECT_EQ(worker.defraggedCount, 1);
-  EXPECT_EQ(worker.nonDefraggableCount, 2);
-  EXPECT_EQ(worker.spaceOnlyCount, 3);
-  EXPECT_EQ(worker.errorCount, 4);
-  EXPECT_EQ(worker.movedCount, 5);
-  EXPECT_EQ(worker.processedCount, 6);
-  EXPECT_TRUE(worker.deferredOverflow);
-  EXPECT_EQ(worker.deferred, (std::vector<std::wstring>{L"C:\\a", L"C:\\bb", L"C:\\ccc"}));
+  EXPECT_EQ(worker.resumePath(), L"C:\\dir\\file.txt");
+  EXPECT_EQ(worker.passCounters().defragged, 1);
+  EXPECT_EQ(worker.passCounters().nonDefraggable, 2);
+  EXPECT_EQ(worker.passCounters().spaceOnly, 3);
+  EXPECT_EQ(worker.passCounters().errors, 4);
+  EXPECT_EQ(worker.passCounters().moved, 5);
+  EXPECT_EQ(worker.passCounters().processed, 6);
+  EXPECT_TRUE(worker.deferredOverflow());
+  EXPECT_EQ(worker.deferredFiles(), (std::vector<std::wstring>{L"C:\\a", L"C:\\bb", L"C:\\ccc"}));
   EXPECT_EQ(ctx(0).pass, 7);
   EXPECT_EQ(ctx(0).panicPass, 1);
   EXPECT_EQ(ctx(1).pass, 2);
   // A second load replaces the deferred list instead of adding to it.
   ASSERT_TRUE(worker.loadResumeInfo());
-  EXPECT_EQ(worker.deferred.size(), 3u);
+  EXPECT_EQ(worker.deferredFiles().size(), 3u);
 }
 
 TEST_F(ResumeInfoTest, MissingShortOrHostileFilesResetEverything) {
   withVolumes(L"C");
   // No file at all.
-  worker.resumePath = L"C:\\x";
+  DfrgThreadTestPeer::resumePath(worker) = L"C:\\x";
   ctx(0).pass = 4;
   EXPECT_FALSE(worker.loadResumeInfo());
   expectReset();
@@ -253,10 +243,10 @@ TEST_F(ResumeInfoTest, EngineStatusIsFourOnlyWhileEveryVolumeIsCleanAndIdle) {
   worker.setVolumeMode(ctx(1), kVolumeModeReact);
   EXPECT_EQ(stats->getStatus(), 4);
   // Changed files being processed leave the idle state; a paused volume makes it 1.
-  worker.reactInProgress = true;
+  DfrgThreadTestPeer::reactInProgress(worker) = true;
   worker.updateEngineStatus();
   EXPECT_EQ(stats->getStatus(), 3);
-  worker.reactInProgress = false;
+  DfrgThreadTestPeer::reactInProgress(worker) = false;
   worker.updateEngineStatus();
   EXPECT_EQ(stats->getStatus(), 4);
   ctx(1).pause(true);

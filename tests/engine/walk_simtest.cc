@@ -1,6 +1,6 @@
 // The walk over a volume and the per-file step: visiting order, resuming,
 // junctions, files that cannot be opened, empty files.
-#include "tests/engine/sim_engine_fixture.h"
+#include "sim_engine_fixture.h"
 
 #include <algorithm>
 
@@ -44,11 +44,11 @@ TEST_F(WalkTest, DirectoriesComeBeforeTheirContentsEitherWayAndTheWalkCounts) {
                                         L"C:\\a\\one.txt", L"C:\\a\\two.txt", L"C:\\b",
                                         L"C:\\b\\three.bin", L"C:\\empty.txt", L"C:\\root.sys"};
   EXPECT_EQ(order, expected);
-  EXPECT_EQ(worker.processedCount, static_cast<int64_t>(expected.size()));
+  EXPECT_EQ(worker.passCounters().processed, static_cast<int64_t>(expected.size()));
   EXPECT_EQ(changed, 3);  // the three fragmented files
   EXPECT_EQ(layout(L"a\\two.txt").size(), 1u);
   EXPECT_EQ(layout(L"root.sys").size(), 1u);
-  EXPECT_EQ(worker.currentFile, L"C:\\root.sys");
+  EXPECT_EQ(worker.currentFile(), L"C:\\root.sys");
   // Reverse: every directory back to front, a directory still before its contents.
   std::vector<std::wstring> reverse = {expected[8], expected[7], expected[5], expected[6], expected[0],
                                        expected[4], expected[3], expected[1], expected[2]};
@@ -88,9 +88,9 @@ TEST_F(WalkTest, FilesThatCannotBeOpenedAreCountedAndOnlyUnexpectedErrorsLogged)
   buildTree();
   for (DWORD quiet : {2u, 3u, 5u, 15u, 32u, 64u, 65u, 67u, 123u}) {
     probe->failOpen[L"C:\\root.sys"] = quiet;
-    int64_t before = worker.processedCount;
+    int64_t before = worker.passCounters().processed;
     EXPECT_TRUE(worker.processFile(ctx(), L"C:\\root.sys", nullptr, false));
-    EXPECT_EQ(worker.processedCount, before + 1);
+    EXPECT_EQ(worker.passCounters().processed, before + 1);
   }
   EXPECT_TRUE(logged("Error during processFile.").empty());
 
@@ -103,7 +103,7 @@ TEST_F(WalkTest, FilesThatCannotBeOpenedAreCountedAndOnlyUnexpectedErrorsLogged)
   EXPECT_EQ(errors[0].priority, kLogError);
   EXPECT_EQ(property(errors[0], "Error"), "1117");
   EXPECT_EQ(property(errors[0], "FileName"), "C:\\root.sys");
-  EXPECT_EQ(worker.currentFile, L"C:\\root.sys");
+  EXPECT_EQ(worker.currentFile(), L"C:\\root.sys");
   EXPECT_EQ(layout(L"root.sys").size(), 2u);
 
   result = -1;  // an empty file is counted and left alone

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "log_test_util.h"
+#include "logging/exception_report.h"
 #include "platform/crash_handler.h"
 
 namespace glidewell {
@@ -45,7 +46,7 @@ class CrashHandlerTest : public ::testing::Test {
 
   void initialise() {
     initLogging(dir_.path());
-    installCrashHandler();
+    installCrashHandler(reportUnhandledException);
   }
 
   TempDir dir_;
@@ -118,8 +119,8 @@ TEST_F(CrashHandlerTest, BeforeLoggingIsInitialisedNothingIsWrittenAndTheProcess
     LogManager* m = LogManager::instance();
     m->setGenericFactory(LogObjectFactory{createLogObject, destroyLogObject});
     m->loadConfig(widen(dir_.file("config/logconfig.xml")));
-    installCrashHandler();
-    installCrashHandler();  // installing again changes nothing
+    installCrashHandler(reportUnhandledException);
+    installCrashHandler(reportUnhandledException);  // installing again changes nothing
     raise(SIGBUS);
   });
   EXPECT_EQ(sig, SIGBUS);

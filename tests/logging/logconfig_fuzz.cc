@@ -78,7 +78,6 @@ class FuzzEnv : public Env {
   DWORD logicalDrives() override { return 0; }
   UINT driveType(const std::wstring&) override { return 0; }
   bool volumeLabel(const std::wstring&, std::wstring*) override { return false; }
-  std::unique_ptr<CVolumeSystem> openVolume(wchar_t) override { return nullptr; }
   std::unique_ptr<OsHandle> openPipeClient(const std::wstring&, DWORD*) override { return nullptr; }
   bool waitNamedPipe(const std::wstring&, uint32_t) override { return false; }
   void exitProcess(int) override { __builtin_trap(); }

@@ -15,9 +15,8 @@ namespace {
 
 // The first LCN of n free clusters according to the volume's bitmap, or -1.
 int64_t findFree(CVolumeSystem& volume, uint64_t n) {
-  uint8_t* raw = nullptr;
-  volume.getVolumeBitmap(&raw);
-  std::unique_ptr<uint8_t[]> bitmap(raw);
+  std::unique_ptr<uint8_t[]> bitmap;
+  volume.getVolumeBitmap(&bitmap);
   uint64_t run = 0;
   for (uint64_t lcn = 0; lcn < volume.getTotalClusters(); ++lcn) {
     run = ((bitmap[lcn / 8] >> (lcn % 8)) & 1) ? 0 : run + 1;

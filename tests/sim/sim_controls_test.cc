@@ -83,19 +83,17 @@ TEST_F(SimControlsTest, BitmapRepliesStartAtAWholeByteSayWhenMoreFollowsAndFailW
   EXPECT_FALSE(volume.getVolumeBitmapChunk(&start, buffer.data(), static_cast<DWORD>(buffer.size()), &returned));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 
-  uint8_t* whole = nullptr;
+  std::unique_ptr<uint8_t[]> whole;
   ASSERT_TRUE(volume.getVolumeBitmap(&whole));
-  std::unique_ptr<uint8_t[]> owned(whole);
-  EXPECT_EQ(std::vector<uint8_t>(whole, whole + 12500), disk->bitmapBytes());
+  EXPECT_EQ(std::vector<uint8_t>(whole.get(), whole.get() + 12500), disk->bitmapBytes());
 
   ASSERT_EQ(disk->reserveSystemClusters(80000, 10), 0u);
   disk->failBitmapFrom(72000, ERROR_READ_FAULT);
   start = 72000;
   EXPECT_FALSE(volume.getVolumeBitmapChunk(&start, buffer.data(), static_cast<DWORD>(buffer.size()), &returned));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_READ_FAULT));
-  uint8_t* partial = nullptr;
+  std::unique_ptr<uint8_t[]> partial;
   ASSERT_TRUE(volume.getVolumeBitmap(&partial));  // like Windows: true, the rest unread
-  std::unique_ptr<uint8_t[]> ownedPartial(partial);
   EXPECT_EQ(partial[0], 0xFF);
   EXPECT_EQ(partial[10000], 0);
 }

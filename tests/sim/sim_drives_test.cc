@@ -1,6 +1,6 @@
-// The drive list of the POSIX environment: images below the install
-// directory and plugged-in disks, shared opens, and the write-back of a
-// changed disk when its last handle closes.
+// The simulated drives of a Linux install, seen through the drive list:
+// images below the install directory and plugged-in disks, shared opens, and
+// the write-back of a changed disk when its last handle closes.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -11,8 +11,10 @@
 #include "engine/dfrg_exception.h"
 #include "platform/posix/posix_env.h"
 #include "platform/text.h"
+#include "sim/posix/sim_drive_provider.h"
 #include "sim/sim_drives.h"
 #include "sim/sim_image.h"
+#include "support/fake_env.h"
 #include "support/sim_support.h"
 #include "support/temp_dir.h"
 
@@ -34,6 +36,7 @@ class SimDrivesTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_EQ(::mkdir((dir.file("volumes")).c_str(), 0700), 0);
     env.setInstallDirectory(dir.path());
+    addDriveProvider(drives);
   }
 
   // Writes a small disk with one file as the image of letter.
@@ -43,7 +46,7 @@ class SimDrivesTest : public ::testing::Test {
     g.label = label;
     SimDisk disk(g);
     EXPECT_EQ(disk.createFile(L"data.bin", 4096 * 20), 0u);
-    std::string path = env.imagePath(letter);
+    std::string path = SimDriveProvider::imagePath(letter);
     std::FILE* f = std::fopen(path.c_str(), "wb");
     std::string error;
     EXPECT_TRUE(saveSimImage(disk, letter, f, &error)) << error;
@@ -53,7 +56,7 @@ class SimDrivesTest : public ::testing::Test {
 
   void expectUnavailable(wchar_t letter) {
     try {
-      env.openVolume(letter);
+      drives->openVolume(letter);
       ADD_FAILURE() << "opened drive " << static_cast<char>(letter);
     } catch (const CDfrgException& e) {
       EXPECT_EQ(e.code, -1);
@@ -64,13 +67,15 @@ class SimDrivesTest : public ::testing::Test {
 
   TempDir dir;
   PosixEnv env;
+  ScopedEnv scoped{&env};
+  std::shared_ptr<SimDriveProvider> drives = SimDriveProvider::instance();
 };
 
 TEST_F(SimDrivesTest, ImagesAreFixedDrivesWithTheirLabelsAndBrokenOnesAreUnavailable) {
   std::string path = writeImage(L'D', L"Data");
-  DWORD drives = env.logicalDrives();
-  EXPECT_TRUE(drives & (1u << 3));
-  EXPECT_FALSE(drives & (1u << 4));
+  DWORD present = env.logicalDrives();
+  EXPECT_TRUE(present & (1u << 3));
+  EXPECT_FALSE(present & (1u << 4));
   EXPECT_EQ(env.driveType(L"D:\\"), static_cast<UINT>(DRIVE_FIXED));
   EXPECT_EQ(env.driveType(L"d:\\"), static_cast<UINT>(DRIVE_FIXED));
   EXPECT_EQ(env.driveType(L"E:\\"), static_cast<UINT>(DRIVE_NO_ROOT_DIR));
@@ -79,19 +84,19 @@ TEST_F(SimDrivesTest, ImagesAreFixedDrivesWithTheirLabelsAndBrokenOnesAreUnavail
   EXPECT_EQ(label, L"Data");
   EXPECT_FALSE(env.volumeLabel(L"E:\\", &label));
   ino_t before = inodeOf(path);
-  env.openVolume(L'D').reset();
+  drives->openVolume(L'D').reset();
   EXPECT_EQ(inodeOf(path), before);  // an unchanged disk is not written back
 
   expectUnavailable(L'Q');
-  std::ofstream(env.imagePath(L'R'), std::ios::binary) << "VDFH garbage";
+  std::ofstream(SimDriveProvider::imagePath(L'R'), std::ios::binary) << "VDFH garbage";
   expectUnavailable(L'R');
 }
 
 TEST_F(SimDrivesTest, HandlesShareOneDiskAndTheLastCloseWritesItBackAtomically) {
   std::string path = writeImage(L'F', L"Fast");
   std::vector<uint8_t> original = fileBytes(path);
-  auto first = env.openVolume(L'F');
-  auto second = env.openVolume(L'f');
+  auto first = drives->openVolume(L'F');
+  auto second = drives->openVolume(L'f');
   EXPECT_EQ(SimDrives::instance().openHandles(L'F'), 2);
   std::shared_ptr<SimDisk> disk = SimDrives::instance().disk(L'F');
   ASSERT_TRUE(disk);
@@ -130,12 +135,12 @@ TEST_F(SimDrivesTest, PluggedDisksAreDrivesWithoutImages) {
     std::wstring label;
     ASSERT_TRUE(env.volumeLabel(L"P:\\", &label));
     EXPECT_EQ(label, L"Memory");
-    auto volume = env.openVolume(L'P');
+    auto volume = drives->openVolume(L'P');
     EXPECT_EQ(&static_cast<SimVolumeSystem&>(*volume).disk(), disk.get());
     ASSERT_EQ(disk->createFile(L"x", 4096), 0u);
     volume.reset();
     struct stat st;
-    EXPECT_NE(::stat(env.imagePath(L'P').c_str(), &st), 0) << "a plugged disk has no image";
+    EXPECT_NE(::stat(SimDriveProvider::imagePath(L'P').c_str(), &st), 0) << "a plugged disk has no image";
     disk->setVanished(true);
     expectUnavailable(L'P');
   }

@@ -19,7 +19,7 @@ class EndlessVolume : public CVolumeSystem {
   uint32_t getBytesPerCluster() override { return 4096; }
   int32_t getFileSystemType() override { return kFileSystemNtfs; }
   wchar_t getDriveLetter() override { return letter_; }
-  bool getVolumeBitmap(uint8_t** bitmap) override { return false; }
+  bool getVolumeBitmap(std::unique_ptr<uint8_t[]>*) override { return false; }
   void getExtendedStatistics(uint64_t* a, uint64_t* b) override { *a = *b = 0; }
   BOOL getVolumeInformation(wchar_t*, DWORD, DWORD*, DWORD*, DWORD*, wchar_t*, DWORD) override { return FALSE; }
   BOOL getDiskFreeSpace(DWORD*, DWORD*, DWORD*, DWORD*) override { return FALSE; }

@@ -1,6 +1,8 @@
 #include "support/fake_env.h"
 
 #include "engine/dfrg_exception.h"
+#include "platform/change_source.h"
+#include "sim/sim_change_source.h"
 #include "platform/text.h"
 
 namespace glidewell {
@@ -9,9 +11,35 @@ namespace {
 wchar_t upper(wchar_t c) { return (c >= L'a' && c <= L'z') ? static_cast<wchar_t>(c - L'a' + L'A') : c; }
 }  // namespace
 
+// The FakeEnv's drives as the drive list sees them.
+class FakeEnvDrives : public DriveProvider {
+ public:
+  explicit FakeEnvDrives(FakeEnv* env) : env_(env) {}
+  DWORD drives() override { return env_->logicalDrives(); }
+  UINT driveType(wchar_t letter) override { return env_->driveType(std::wstring(1, letter) + L":\\"); }
+  bool volumeLabel(wchar_t letter, std::wstring* label) override {
+    return env_->volumeLabel(std::wstring(1, letter) + L":\\", label);
+  }
+  std::unique_ptr<CVolumeSystem> openVolume(wchar_t letter) override { return env_->openVolume(letter); }
+  // Change notification comes from the simulated disk plugged in on the
+  // letter, if there is one (the watcher sees a test's user activity).
+  std::unique_ptr<ChangeSource> openChangeSource(wchar_t letter) override { return openSimChangeSource(letter); }
+
+ private:
+  FakeEnv* env_;
+};
+
+FakeEnv::FakeEnv()
+    : EnvWrapper(Env::system()), base_(Env::system()), provider_(std::make_shared<FakeEnvDrives>(this)) {}
+
+FakeEnv::~FakeEnv() { removeDriveProvider(provider_.get()); }
+
 void FakeEnv::addDrive(wchar_t letter, std::wstring label, VolumeFactory factory, UINT type) {
-  std::lock_guard<std::mutex> g(mutex_);
-  drives_[upper(letter)] = Drive{std::move(label), std::move(factory), type};
+  {
+    std::lock_guard<std::mutex> g(mutex_);
+    drives_[upper(letter)] = Drive{std::move(label), std::move(factory), type};
+  }
+  addDriveProvider(provider_, true);
 }
 
 void FakeEnv::removeDrive(wchar_t letter) {

@@ -1,7 +1,9 @@
 // FakeEnv: an Env for tests. It passes everything to the system's Env except
 // what a test takes over: a manual millisecond clock, a fixed local time, and
-// a drive list whose volumes come from factories (simulated disks, or
-// volumes that fail on purpose). ScopedEnv installs one for a test's scope.
+// drives whose volumes come from factories (simulated disks, or volumes that
+// fail on purpose). The drives answer the Env's drive questions and, through
+// a provider in the process's drive list while the FakeEnv lives, the
+// engine's opens. ScopedEnv installs one for a test's scope.
 #ifndef GLIDEWELL_TESTS_SUPPORT_FAKE_ENV_H_
 #define GLIDEWELL_TESTS_SUPPORT_FAKE_ENV_H_
 
@@ -12,6 +14,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/drive_provider.h"
 #include "platform/env.h"
 #include "volume/volume_system.h"
 
@@ -21,7 +24,8 @@ class FakeEnv : public EnvWrapper {
  public:
   using VolumeFactory = std::function<std::unique_ptr<CVolumeSystem>()>;
 
-  FakeEnv() : EnvWrapper(Env::system()), base_(Env::system()) {}
+  FakeEnv();
+  ~FakeEnv() override;
 
   // --- what tests take over ---
   void useManualClock(uint32_t startMs) {
@@ -48,7 +52,8 @@ class FakeEnv : public EnvWrapper {
   DWORD logicalDrives() override;
   UINT driveType(const std::wstring& rootPath) override;
   bool volumeLabel(const std::wstring& rootPath, std::wstring* label) override;
-  std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter) override;
+  // What the engine's open of a drive letter does (drive_volume.h).
+  std::unique_ptr<CVolumeSystem> openVolume(wchar_t driveLetter);
 
  private:
   struct Drive {
@@ -65,6 +70,7 @@ class FakeEnv : public EnvWrapper {
   SYSTEMTIME localTime_{};
   std::map<wchar_t, Drive> drives_;
   std::atomic<int> opened_{0};
+  std::shared_ptr<DriveProvider> provider_;
 };
 
 // Installs an Env for the lifetime of the object, then restores the previous one.

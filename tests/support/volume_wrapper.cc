@@ -14,7 +14,7 @@ class VolumeWrapper : public CVolumeSystem {
   uint32_t getBytesPerCluster() override { return inner_->getBytesPerCluster(); }
   int32_t getFileSystemType() override { return inner_->getFileSystemType(); }
   wchar_t getDriveLetter() override { return inner_->getDriveLetter(); }
-  bool getVolumeBitmap(uint8_t** bitmap) override { return inner_->getVolumeBitmap(bitmap); }
+  bool getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) override { return inner_->getVolumeBitmap(bitmap); }
   void getExtendedStatistics(uint64_t* a, uint64_t* b) override { inner_->getExtendedStatistics(a, b); }
   BOOL getVolumeInformation(wchar_t* n, DWORD ns, DWORD* s, DWORD* m, DWORD* f, wchar_t* fs, DWORD fss) override {
     return inner_->getVolumeInformation(n, ns, s, m, f, fs, fss);

@@ -39,9 +39,9 @@ class BitmapVolume : public SimVolumeSystem {
   // Every bitmap request's starting LCN.
   std::vector<int64_t> bitmapRequests;
 
-  bool getVolumeBitmap(uint8_t** out) override {
-    *out = new uint8_t[bitmap.size()];
-    std::memcpy(*out, bitmap.data(), bitmap.size());
+  bool getVolumeBitmap(std::unique_ptr<uint8_t[]>* out) override {
+    *out = std::make_unique<uint8_t[]>(bitmap.size());
+    std::memcpy(out->get(), bitmap.data(), bitmap.size());
     return true;
   }
   BOOL getVolumeBitmapChunk(const int64_t* startingLcn, void* buffer, DWORD size, DWORD* returned) override {

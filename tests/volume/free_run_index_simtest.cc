@@ -54,8 +54,8 @@ Outcome passOver(const SimDisk& aged, bool indexed, DWORD maxExtentListSize, boo
   setFreeRunIndexEnabled(true);
   return Outcome{disk->listAll(),
                  disk->bitmapBytes(),
-                 {thread.processedCount, thread.defraggedCount, thread.movedCount, thread.errorCount,
-                  thread.nonDefraggableCount},
+                 {thread.passCounters().processed, thread.passCounters().defragged, thread.passCounters().moved, thread.passCounters().errors,
+                  thread.passCounters().nonDefraggable},
                  disk->verify()};
 }
 

@@ -14,10 +14,6 @@ namespace {
 constexpr int kOpenRetries = 10;     // after the first attempt
 constexpr DWORD kOpenRetryMs = 100;  // wait between attempts while access is denied
 constexpr DWORD kNameChars = 1024;
-// One bitmap transfer: the 16-byte header and 9000 bytes, 72000 clusters.
-constexpr DWORD kBitmapHeaderBytes = 16;
-constexpr DWORD kBitmapBufferBytes = kBitmapHeaderBytes + 9000;
-constexpr uint64_t kClustersPerTransfer = 72000;
 
 }  // namespace
 
@@ -30,23 +26,21 @@ CWinVolumeSystem::CWinVolumeSystem(wchar_t driveLetter)
     readGeometry();
   } catch (...) {
     // The destructor does not run for a half-built object.
-    CloseHandle(volumeHandle_);
-    volumeHandle_ = INVALID_HANDLE_VALUE;
+    volumeHandle_.close();
     throw;
   }
 }
 
-CWinVolumeSystem::~CWinVolumeSystem() {
-  if (volumeHandle_ != INVALID_HANDLE_VALUE) CloseHandle(volumeHandle_);
-}
+CWinVolumeSystem::~CWinVolumeSystem() = default;
 
 void CWinVolumeSystem::openVolume() {
   // Another process may hold the volume for a moment (a check disk, a
   // backup): access denied is retried for up to a second.
   for (int attempt = 0;; ++attempt) {
-    volumeHandle_ = createFile(devicePath_, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                               nullptr, OPEN_EXISTING, 0, nullptr);
-    if (volumeHandle_ != INVALID_HANDLE_VALUE) return;
+    volumeHandle_ = ScopedHandle(createFile(devicePath_, GENERIC_READ,
+                                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                            OPEN_EXISTING, 0, nullptr));
+    if (volumeHandle_.isValid()) return;
     if (GetLastError() != ERROR_ACCESS_DENIED || attempt == kOpenRetries) break;
     SleepEx(kOpenRetryMs, FALSE);
   }
@@ -72,7 +66,7 @@ void CWinVolumeSystem::readGeometry() {
   if (fileSystemType_ == kFileSystemNtfs) {
     NTFS_VOLUME_DATA_BUFFER data;
     DWORD returned = 0;
-    if (!DeviceIoControl(volumeHandle_, FSCTL_GET_NTFS_VOLUME_DATA, nullptr, 0, &data, sizeof data, &returned,
+    if (!DeviceIoControl(volumeHandle_.get(), FSCTL_GET_NTFS_VOLUME_DATA, nullptr, 0, &data, sizeof data, &returned,
                          nullptr)) {
       throw CDfrgException(ErrorVolumeUnavailable, "Couldn't read Volume Information ! " + narrow(rootPath_));
     }
@@ -91,32 +85,7 @@ void CWinVolumeSystem::readGeometry() {
   bytesPerCluster_ = sectorsPerCluster * bytesPerSector;
 }
 
-bool CWinVolumeSystem::getVolumeBitmap(uint8_t** bitmap) {
-  const uint64_t bytes = (totalClusters_ + 7) / 8;
-  auto* result = new uint8_t[static_cast<size_t>(bytes)]();  // owned by the caller (delete[])
-  *bitmap = result;
-  std::vector<uint64_t> storage(kBitmapBufferBytes / 8);
-  auto* reply = reinterpret_cast<VOLUME_BITMAP_BUFFER*>(storage.data());
-  int64_t start = 0;
-  for (;;) {
-    DWORD returned = 0;
-    BOOL ok = DeviceIoControl(volumeHandle_, FSCTL_GET_VOLUME_BITMAP, &start, sizeof start, reply,
-                              kBitmapBufferBytes, &returned, nullptr);
-    if (!ok && GetLastError() != ERROR_MORE_DATA) break;
-    if (returned < kBitmapHeaderBytes) break;
-    // The file system rounds the starting LCN down to a multiple of 8.
-    uint64_t at = static_cast<uint64_t>(reply->StartingLcn.QuadPart) / 8;
-    if (at < bytes) {
-      size_t n = static_cast<size_t>(std::min<uint64_t>(returned - kBitmapHeaderBytes, bytes - at));
-      std::memcpy(result + at, reply->Buffer, n);
-    }
-    if (ok) break;
-    uint64_t step = std::min<uint64_t>(static_cast<uint64_t>(reply->BitmapSize.QuadPart), kClustersPerTransfer);
-    if (step == 0) break;
-    start = reply->StartingLcn.QuadPart + static_cast<int64_t>(step);
-  }
-  return true;
-}
+bool CWinVolumeSystem::getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) { return readWholeBitmap(*this, bitmap); }
 
 void CWinVolumeSystem::getExtendedStatistics(uint64_t*, uint64_t*) { throw std::string("not Implemented"); }
 
@@ -152,13 +121,13 @@ DWORD CWinVolumeSystem::getFileAttributes(const std::wstring& path) { return Get
 
 BOOL CWinVolumeSystem::getVolumeBitmapChunk(const int64_t* startingLcn, void* buffer, DWORD bufferSize,
                                             DWORD* bytesReturned) {
-  return DeviceIoControl(volumeHandle_, FSCTL_GET_VOLUME_BITMAP, const_cast<int64_t*>(startingLcn),
+  return DeviceIoControl(volumeHandle_.get(), FSCTL_GET_VOLUME_BITMAP, const_cast<int64_t*>(startingLcn),
                          sizeof(int64_t), buffer, bufferSize, bytesReturned, nullptr);
 }
 
 BOOL CWinVolumeSystem::moveFile(const MOVE_FILE_DATA* move) {
   DWORD returned = 0;
-  return DeviceIoControl(volumeHandle_, FSCTL_MOVE_FILE, const_cast<MOVE_FILE_DATA*>(move), sizeof(MOVE_FILE_DATA),
+  return DeviceIoControl(volumeHandle_.get(), FSCTL_MOVE_FILE, const_cast<MOVE_FILE_DATA*>(move), sizeof(MOVE_FILE_DATA),
                          nullptr, 0, &returned, nullptr);
 }
 

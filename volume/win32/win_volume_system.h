@@ -12,6 +12,7 @@
 
 #include <string>
 
+#include "platform/win32/scoped_handle.h"
 #include "volume/volume_system.h"
 
 namespace glidewell {
@@ -30,7 +31,7 @@ class CWinVolumeSystem : public CVolumeSystem {
   uint32_t getBytesPerCluster() override { return bytesPerCluster_; }
   int32_t getFileSystemType() override { return fileSystemType_; }
   wchar_t getDriveLetter() override { return driveLetter_; }
-  bool getVolumeBitmap(uint8_t** bitmap) override;
+  bool getVolumeBitmap(std::unique_ptr<uint8_t[]>* bitmap) override;
   void getExtendedStatistics(uint64_t* first, uint64_t* second) override;
   BOOL getVolumeInformation(wchar_t* nameBuffer, DWORD nameSize, DWORD* serialNumber, DWORD* maxComponentLength,
                             DWORD* flags, wchar_t* fileSystemNameBuffer, DWORD fileSystemNameSize) override;
@@ -65,7 +66,7 @@ class CWinVolumeSystem : public CVolumeSystem {
   int32_t fileSystemType_ = kFileSystemUnknown;
   uint64_t totalClusters_ = ~uint64_t{0};
   uint32_t bytesPerCluster_ = ~uint32_t{0};
-  HANDLE volumeHandle_ = INVALID_HANDLE_VALUE;
+  ScopedHandle volumeHandle_;
 };
 
 }  // namespace glidewell

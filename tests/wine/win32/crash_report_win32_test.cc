@@ -5,6 +5,7 @@
 
 #include "crash_harness.h"
 #include "logging/log_setup.h"
+#include "logging/exception_report.h"
 #include "platform/crash_handler.h"
 #include "platform/env.h"
 #include "platform/sync.h"
@@ -28,7 +29,7 @@ TEST(Win32CrashChild, FaultOnAWorkerThread) {
   std::wstring dir = crashChildDirectory();
   if (dir.empty()) GTEST_SKIP() << "runs only as the crashing child";
   Env::current()->setInstallDirectory(dir);
-  installCrashHandler();
+  installCrashHandler(reportUnhandledException);
   initLogging(dir);
   auto worker = Thread::start([] { writeToAddress0x10(); });
   worker->join();

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include "engine/dfrg_exception.h"
+#include "engine/system_drives.h"
 #include "platform/env.h"
 #include "platform/text.h"
 #include "platform/win32/scoped_handle.h"
 #include "platform/win32/win32_sync.h"
 #include "volume/volume_system.h"
+#include "volume/win32/win_drive_provider.h"
 
 namespace glidewell {
 namespace {
@@ -74,6 +76,7 @@ TEST(Win32Pipe, ABusyPipeReportsBusyAndTheWaitTimesOut) {
 }
 
 TEST(Win32Drives, DriveCIsAFixedDriveWithALabel) {
+  addSystemDriveProviders();
   DWORD drives = env().logicalDrives();
   ASSERT_NE(0u, drives & (1u << 2)) << "Wine always has C:";
   EXPECT_EQ(static_cast<UINT>(DRIVE_FIXED), env().driveType(L"C:\\"));
@@ -94,7 +97,7 @@ TEST(Win32Drives, AVolumeThatCannotBeUsedThrowsVolumeUnavailable) {
   // Wine refuses the NTFS volume controls, so even C: cannot be used.
   for (wchar_t letter : {L'C', L'Q'}) {
     try {
-      env().openVolume(letter);
+      WinDriveProvider::instance()->openVolume(letter);
       ADD_FAILURE() << "opened " << static_cast<char>(letter);
     } catch (const CDfrgException& e) {
       EXPECT_EQ(ErrorVolumeUnavailable, e.code) << e.message;

@@ -1,9 +1,6 @@
-// The drive list on POSIX systems: every image <install dir>/volumes/<letter>.vdf
-// is a fixed drive of that letter, and so is every disk plugged into the
-// process's simulated drives (SimDrives). Opening a drive loads its image
-// into a simulated disk (or shares the one already open); when the engine
-// closes the last handle on it, a changed disk is written back to a temporary
-// file that then replaces the image, so a crash never leaves half an image.
+// The simulated drives of a Linux install (see sim_drive_provider.h).
+#include "sim/posix/sim_drive_provider.h"
+
 #include <errno.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,8 +10,10 @@
 #include <memory>
 
 #include "engine/dfrg_exception.h"
+#include "platform/env.h"
 #include "platform/posix/posix_env.h"
 #include "platform/text.h"
+#include "sim/sim_change_source.h"
 #include "sim/sim_drives.h"
 #include "sim/sim_image.h"
 #include "volume/volume_system.h"
@@ -61,14 +60,19 @@ bool writeImageAtomically(const SimDisk& disk, wchar_t letter, const std::string
 
 }  // namespace
 
-std::string PosixEnv::imagePath(wchar_t driveLetter) {
-  std::wstring dir = installDirectory();
+std::shared_ptr<SimDriveProvider> SimDriveProvider::instance() {
+  static std::shared_ptr<SimDriveProvider> provider = std::make_shared<SimDriveProvider>();
+  return provider;
+}
+
+std::string SimDriveProvider::imagePath(wchar_t driveLetter) {
+  std::wstring dir = Env::current()->installDirectory();
   if (!dir.empty() && dir.back() != L'\\' && dir.back() != L'/') dir += L'\\';
   wchar_t upper = (driveLetter >= L'a' && driveLetter <= L'z') ? driveLetter - L'a' + L'A' : driveLetter;
   return posixPath(dir + L"volumes\\" + std::wstring(1, upper) + L".vdf");
 }
 
-DWORD PosixEnv::logicalDrives() {
+DWORD SimDriveProvider::drives() {
   DWORD mask = SimDrives::instance().pluggedDrives();
   for (int i = 0; i < 26; ++i) {
     if (isImage(imagePath(static_cast<wchar_t>(L'A' + i)))) mask |= 1u << i;
@@ -76,26 +80,25 @@ DWORD PosixEnv::logicalDrives() {
   return mask;
 }
 
-UINT PosixEnv::driveType(const std::wstring& rootPath) {
-  if (rootPath.size() < 2 || rootPath[1] != L':' || !isLetter(rootPath[0])) return DRIVE_NO_ROOT_DIR;
-  wchar_t letter = rootPath[0];
+UINT SimDriveProvider::driveType(wchar_t letter) {
+  if (!isLetter(letter)) return DRIVE_NO_ROOT_DIR;
   bool exists = SimDrives::instance().disk(letter) != nullptr || isImage(imagePath(letter));
   return exists ? DRIVE_FIXED : DRIVE_NO_ROOT_DIR;
 }
 
-bool PosixEnv::volumeLabel(const std::wstring& rootPath, std::wstring* label) {
-  if (rootPath.size() < 2 || rootPath[1] != L':' || !isLetter(rootPath[0])) return false;
-  if (std::shared_ptr<SimDisk> disk = SimDrives::instance().disk(rootPath[0])) {
+bool SimDriveProvider::volumeLabel(wchar_t letter, std::wstring* label) {
+  if (!isLetter(letter)) return false;
+  if (std::shared_ptr<SimDisk> disk = SimDrives::instance().disk(letter)) {
     *label = disk->geometry().label;
     return true;
   }
-  std::FILE* raw = std::fopen(imagePath(rootPath[0]).c_str(), "rb");
+  std::FILE* raw = std::fopen(imagePath(letter).c_str(), "rb");
   if (raw == nullptr) return false;
   FilePtr file(raw, &std::fclose);
   return readSimImageLabel(file.get(), label);
 }
 
-std::unique_ptr<CVolumeSystem> PosixEnv::openVolume(wchar_t driveLetter) {
+std::unique_ptr<CVolumeSystem> SimDriveProvider::openVolume(wchar_t driveLetter) {
   if (!isLetter(driveLetter)) {
     throw CDfrgException(ErrorVolumeUnavailable,
                          "Couldn't open Volume ! " + narrow(L"\\\\.\\" + std::wstring(1, driveLetter) + L":"));
@@ -117,5 +120,7 @@ std::unique_ptr<CVolumeSystem> PosixEnv::openVolume(wchar_t driveLetter) {
   };
   return SimDrives::instance().open(driveLetter, load, save);
 }
+
+std::unique_ptr<ChangeSource> SimDriveProvider::openChangeSource(wchar_t letter) { return openSimChangeSource(letter); }
 
 }  // namespace glidewell

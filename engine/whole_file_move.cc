@@ -1,5 +1,5 @@
-// Whole-file defragmentation: a file in more than one extent is moved into
-// the smallest free run that holds all of it.
+// Whole-file defragmentation (the defragFile mover): a file in more than one
+// extent is moved into the smallest free run that holds all of it.
 #include "engine/dfrg_exception.h"
 #include "engine/dfrg_thread.h"
 #include "engine/move_primitives.h"
@@ -30,7 +30,7 @@ bool DfrgThread::defragFile(CDfrgContext& ctx, CDfrgFile& file, ExtentList& exte
     uint64_t target = runs != nullptr ? findBestFit(*runs, needed, excludeStart) : kNoCluster;
     if (target == kNoCluster) {
       defragged = false;
-      nonDefraggableCount += 1;
+      counters_.nonDefraggable += 1;
       bool spaceOnly = false;
       int64_t free = getTotalFreeClusters(ctx);
       if (free != -1) {
@@ -38,13 +38,13 @@ bool DfrgThread::defragFile(CDfrgContext& ctx, CDfrgFile& file, ExtentList& exte
         if (free < 0) free = 0;
         spaceOnly = free - static_cast<int64_t>(needed) < kSpaceMarginClusters;
       }
-      if (spaceOnly) spaceOnlyCount += 1;
-      if (scanInProgress && !deferredOverflow && !spaceOnly) deferFile(file.path());
+      if (spaceOnly) counters_.spaceOnly += 1;
+      if (scanInProgress_ && !deferredOverflow_ && !spaceOnly) deferFile(file.path());
       break;
     }
 
-    int32_t rc = moveClusters(file, target, getTotalVcnClusters(extents), 0);
-    if (rc != 0) {
+    ErrorCode rc = moveClusters(file, target, getTotalVcnClusters(extents), 0);
+    if (rc != ErrorNone) {
       if (attempt == 0) {
         retry = true;
       } else if (attempt == 1) {
@@ -56,7 +56,7 @@ bool DfrgThread::defragFile(CDfrgContext& ctx, CDfrgFile& file, ExtentList& exte
         log.log(kLogWarning) << "Error defragmenting File. Giving up." << LogProperty("FileName", file.path())
                              << LogProperty("Number of Clusters", needed) << LogProperty("Target LCN", target)
                              << LogProperty("Error", rc);
-        errorCount += 1;
+        counters_.errors += 1;
       }
       updateSnapshotRange(ctx, 0, kNoCluster);
       defragged = false;
@@ -65,7 +65,7 @@ bool DfrgThread::defragFile(CDfrgContext& ctx, CDfrgFile& file, ExtentList& exte
       file.getFileExtents(extents);
       updateSnapshotExt(ctx, extents);
       if (extents.size() <= 1) {
-        defraggedCount += 1;
+        counters_.defragged += 1;
       } else {
         defragged = false;
         if (attempt == 0) {
@@ -74,7 +74,7 @@ bool DfrgThread::defragFile(CDfrgContext& ctx, CDfrgFile& file, ExtentList& exte
           log.log(kLogAlert) << "Warning: defragmented file ended up having more than one extent."
                              << LogProperty("FileName", file.path()) << LogProperty("Number of Clusters", needed)
                              << LogProperty("Target LCN", target);
-          errorCount += 1;
+          counters_.errors += 1;
         }
         updateSnapshotRange(ctx, 0, kNoCluster);
       }

@@ -1,9 +1,10 @@
 // Change notification over the simulated disk of a drive letter: the disk
 // delivers every change to its watchers at once, so this source keeps what
 // arrives between two reads, as the system does on an open directory handle.
+#include "sim/sim_change_source.h"
+
 #include <mutex>
 
-#include "platform/change_source.h"
 #include "sim/sim_disk.h"
 #include "sim/sim_drives.h"
 
@@ -68,7 +69,7 @@ class SimChangeSource : public ChangeSource {
 
 }  // namespace
 
-std::unique_ptr<ChangeSource> openChangeSource(wchar_t driveLetter) {
+std::unique_ptr<ChangeSource> openSimChangeSource(wchar_t driveLetter) {
   std::shared_ptr<SimDisk> disk = SimDrives::instance().disk(driveLetter);
   if (!disk || disk->vanished()) return nullptr;
   return std::make_unique<SimChangeSource>(std::move(disk));

@@ -1,4 +1,4 @@
-#include "engine/dfrg_exception.h"
+#include "engine/error_codes.h"
 
 namespace glidewell {
 

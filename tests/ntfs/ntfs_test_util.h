@@ -1,0 +1,28 @@
+// Checks of NTFS test volumes with tools that no one here wrote: libfsntfs
+// (through ntfs_manifest.py) for every path, size, attribute and stream hash
+// and the allocation, ntfsfix -n for the volume as a whole.
+#ifndef GLIDEWELL_TESTS_NTFS_NTFS_TEST_UTIL_H_
+#define GLIDEWELL_TESTS_NTFS_NTFS_TEST_UTIL_H_
+
+#include <string>
+
+namespace glidewell {
+namespace ntfstest {
+
+// Runs a shell command; its exit status, with stdout and stderr in *output.
+int runShell(const std::string& command, std::string* output);
+
+// The manifest of the image; lines starting with "PROBLEM" report clusters
+// owned twice or owned but free.
+std::string manifest(const std::string& image);
+
+// "" when ntfsfix -n finds the volume clean; otherwise its output.
+std::string ntfsfixProblem(const std::string& image);
+
+// The whole image file, for checks that nothing was written.
+std::string readWhole(const std::string& path);
+
+}  // namespace ntfstest
+}  // namespace glidewell
+
+#endif  // GLIDEWELL_TESTS_NTFS_NTFS_TEST_UTIL_H_
