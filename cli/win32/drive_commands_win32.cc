@@ -14,8 +14,10 @@
 #include "config/dfrg_config.h"
 #include "config/registry_store.h"
 #include "engine/dfrg_exception.h"
+#include "engine/system_drives.h"
 #include "platform/env.h"
 #include "platform/text.h"
+#include "volume/drive_volume.h"
 
 namespace glidewell {
 
@@ -73,9 +75,11 @@ class EnabledForRun {
 
 int analyzeDriveCommand(const AnalyzeOptions& o) {
   wchar_t letter = driveLetter(o.image);
+  addSystemDriveProviders();
   std::unique_ptr<CVolumeSystem> volume;
   try {
-    volume = Env::current()->openVolume(letter);
+    volume = openDriveVolume(letter);
+    if (!volume) throw HostError("there is no drive " + letterText(letter));
   } catch (const CDfrgException& e) {
     throw HostError(fmt::format("{} cannot be analysed: the system refused the volume or its defragmentation "
                                 "controls ({})",

@@ -15,10 +15,13 @@
 #include "config/registry_store.h"
 #include "engine/dfrg_exception.h"
 #include "engine/engine.h"
-#include "platform/env.h"
+#include "engine/system_drives.h"
+#include "platform/drive_provider.h"
 #include "platform/registry_backend.h"
+#include "sim/sim_change_source.h"
 #include "sim/sim_disk.h"
-#include "sim/sim_volume_system.h"
+#include "sim/sim_drives.h"
+#include "volume/volume_system.h"
 
 namespace glidewell {
 namespace {
@@ -62,6 +65,7 @@ TEST(Win32ChangeTracking, AFileCreatedThenAppendedOnDriveCReachesTheTracker) {
   // directories that existed before the watch began.
   std::wstring base = L"C:\\glidewell-watch-" + std::to_wstring(::GetCurrentProcessId());
   std::wstring file = base + L".txt";
+  addSystemDriveProviders();  // the drive list that serves C:'s change source
   {
     CManualChangeTracker tracker(L'C', base + L"-changeTrack_C");
     tracker.startTracking();
@@ -83,24 +87,24 @@ TEST(Win32ChangeTracking, AFileCreatedThenAppendedOnDriveCReachesTheTracker) {
   ::DeleteFileW((base + L"-changeTrack_C_manual").c_str());
 }
 
-// Drive S: is a simulated disk; the rest of the machine is Windows (Wine).
-class SimulatedDriveS : public EnvWrapper {
+// Drive S: is a simulated disk, its changes reported as the disk makes them;
+// the rest of the machine is Windows (Wine).
+class DriveS : public DriveProvider {
  public:
-  explicit SimulatedDriveS(std::shared_ptr<SimDisk> disk) : EnvWrapper(Env::system()), disk_(std::move(disk)) {}
-  DWORD logicalDrives() override { return 1u << ('S' - 'A'); }
-  UINT driveType(const std::wstring& root) override { return isS(root) ? DRIVE_FIXED : DRIVE_NO_ROOT_DIR; }
-  bool volumeLabel(const std::wstring& root, std::wstring* label) override {
+  DWORD drives() override { return 1u << ('S' - 'A'); }
+  UINT driveType(wchar_t letter) override { return isS(letter) ? DRIVE_FIXED : DRIVE_NO_ROOT_DIR; }
+  bool volumeLabel(wchar_t letter, std::wstring* label) override {
     *label = L"Simulated";
-    return isS(root);
+    return isS(letter);
   }
+  // Throws -1 once the disk has vanished.
   std::unique_ptr<CVolumeSystem> openVolume(wchar_t letter) override {
-    if (std::towupper(letter) != L'S') throw CDfrgException(ErrorVolumeUnavailable, "no such drive");
-    return std::make_unique<SimVolumeSystem>(disk_, L'S');  // throws -1 once the disk has vanished
+    return SimDrives::instance().open(letter, nullptr, nullptr);
   }
+  std::unique_ptr<ChangeSource> openChangeSource(wchar_t letter) override { return openSimChangeSource(letter); }
 
  private:
-  static bool isS(const std::wstring& root) { return !root.empty() && std::towupper(root[0]) == L'S'; }
-  std::shared_ptr<SimDisk> disk_;
+  static bool isS(wchar_t letter) { return std::towupper(letter) == L'S'; }
 };
 
 int32_t reportedError = 0;
@@ -132,25 +136,26 @@ TEST(Win32SmartDriver, ModeValuesKeepTheirTypesAndOutliveARunThatCannotOpenItsVo
   b.vcn = 8;
   b.lcn = 100;
   ASSERT_EQ(disk->placeFile(L"broken", 0, 16 * 4096, {a, b}), 0u);
-  SimulatedDriveS env(disk);
-  Env::setCurrent(&env);
+  SimDrives::instance().plug(L'S', disk);
+  auto driveS = std::make_shared<DriveS>();
+  addDriveProvider(driveS, true);
   std::wstring installDir = scratchDirectory(L"glidewell-smart") + L"\\";
   CDfrgStatistics::create(HKEY_CURRENT_USER, kSmartKey);
   Event done(true, false);
 
-  // First run: the volume is scanned clean, and its mode stored.
+  // First run: the volume is scanned clean, and react mode stored.
   {
     engine owner(&done, kSmartKey, HKEY_CURRENT_USER, installDir);
     owner.setErrorCallback(&rememberError);
     owner.start(false, kDefragModeSmart);
-    for (int i = 0; i < 200 && machineValue(L"volumeModeTime_S").data.empty(); ++i) {
+    for (int i = 0; i < 200 && machineValue(L"volumeMode_S").data != std::vector<BYTE>{1, 0, 0, 0}; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
   }
   ModeValue mode = machineValue(L"volumeMode_S"), time = machineValue(L"volumeModeTime_S"),
             version = machineValue(L"volumeModeVersion");
   EXPECT_EQ(mode.type, static_cast<DWORD>(REG_DWORD));
-  EXPECT_EQ(mode.data.size(), 4u);
+  EXPECT_EQ(mode.data, (std::vector<BYTE>{1, 0, 0, 0}));
   EXPECT_EQ(time.type, static_cast<DWORD>(REG_QWORD));
   EXPECT_EQ(time.data.size(), 8u);
   EXPECT_EQ(version.type, static_cast<DWORD>(REG_DWORD));
@@ -171,7 +176,8 @@ TEST(Win32SmartDriver, ModeValuesKeepTheirTypesAndOutliveARunThatCannotOpenItsVo
   EXPECT_TRUE(machineValue(L"volumeMode_S") == mode);
   EXPECT_TRUE(machineValue(L"volumeModeTime_S") == time);
   CDfrgStatistics::destroy();
-  Env::setCurrent(nullptr);
+  removeDriveProvider(driveS.get());
+  SimDrives::instance().unplug(L'S');
 }
 
 }  // namespace
