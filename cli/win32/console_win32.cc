@@ -5,13 +5,12 @@
 
 #include "cli/console.h"
 
-#ifndef ENABLE_VIRTUAL_TERMINAL_PROCESSING
-#define ENABLE_VIRTUAL_TERMINAL_PROCESSING 0x0004
-#endif
-
 namespace glidewell {
 
 namespace {
+
+// ENABLE_VIRTUAL_TERMINAL_PROCESSING, which older SDK headers lack.
+constexpr DWORD kVirtualTerminal = 0x0004;
 
 std::atomic<int> interrupts{0};
 
@@ -30,8 +29,7 @@ bool isTerminal(std::FILE* out) {
   DWORD mode = 0;
   if (h == INVALID_HANDLE_VALUE || !GetConsoleMode(h, &mode)) return false;
   // The live displays move the cursor with VT sequences (Windows 10 and later).
-  return (mode & ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0 ||
-         SetConsoleMode(h, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
+  return (mode & kVirtualTerminal) != 0 || SetConsoleMode(h, mode | kVirtualTerminal) != 0;
 }
 
 int terminalColumns(std::FILE* out) {
