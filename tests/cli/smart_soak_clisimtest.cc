@@ -56,11 +56,12 @@ TEST(SmartSoak, RandomStopsEndTheWorkerWithinASecondAndRestartsResumeWhatWasSave
   FakeEnv env;
   ScopedEnv scoped(&env);
   auto probe = std::make_shared<VolumeProbe>();
-  // Slow opens stretch the first scan passes (about 1500 files a drive) over
-  // several stops.
-  auto perFile = std::chrono::microseconds(static_cast<int64_t>(periodMs / 2));
-  probe->beforeOpen = [perFile](const std::wstring&) { std::this_thread::sleep_for(perFile); };
   std::map<wchar_t, std::shared_ptr<SimDisk>> disks{{L'C', agedDisk(seed % 1000)}, {L'D', agedDisk(seed % 1000 + 1)}};
+  // Slow opens stretch the first scan passes of the two drives over about two
+  // periods, so the first stop always lands inside one.
+  size_t entries = disks[L'C']->listAll().size() + disks[L'D']->listAll().size();
+  auto perFile = std::chrono::microseconds(static_cast<int64_t>(2000 * periodMs / static_cast<double>(entries)));
+  probe->beforeOpen = [perFile](const std::wstring&) { std::this_thread::sleep_for(perFile); };
   for (auto& [letter, disk] : disks) {
     SimDrives::instance().plug(letter, disk);  // where the change watcher finds it
     env.addDrive(letter, L"Soak", [disk = disk, letter = letter, probe] {
