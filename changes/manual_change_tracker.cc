@@ -108,12 +108,15 @@ size_t CManualChangeTracker::pendingCount() {
 void CManualChangeTracker::startWatcher() {
   stopWatcher();
   stopEvent_.reset();
-  // The root is opened here rather than on the watcher thread, so that every
-  // change after startTracking returns is seen. A failed open leaves a watcher
-  // that ends at once: tracking is then invalidated.
+  // Every change after startTracking returns must be seen, and a system may
+  // record changes only from the first read on (Windows does): the watcher
+  // is running its first read before this returns. A failed open leaves a
+  // watcher that ends at once: tracking is then invalidated.
   source_ = openChangeSource(driveLetter_);
   ChangeSource* source = source_.get();
+  firstReadStarted_.reset();
   watcher_ = Thread::start([this, source] { watch(source); });
+  firstReadStarted_.wait(kWaitInfinite);
 }
 
 void CManualChangeTracker::stopWatcher() {
@@ -125,9 +128,14 @@ void CManualChangeTracker::stopWatcher() {
 }
 
 void CManualChangeTracker::watch(ChangeSource* source) {
-  if (source == nullptr) return;
+  if (source == nullptr) {
+    firstReadStarted_.set();
+    return;
+  }
   for (;;) {
-    if (!source->startRead()) return;
+    bool reading = source->startRead();
+    firstReadStarted_.set();
+    if (!reading) return;
     if (!source->waitForChanges(stopEvent_)) return;
     std::vector<std::vector<uint8_t>> batches;
     if (!source->takeChanges(&batches)) return;

@@ -84,6 +84,8 @@ class CManualChangeTracker : public CChangeTracker {
   std::unique_ptr<ChangeSource> source_;  // owned here, read by the watcher
   std::unique_ptr<Thread> watcher_;
   Event stopEvent_{true, false};
+  // Set by the watcher once its first read is under way (or has failed).
+  Event firstReadStarted_{true, false};
   bool suppressStateWrite_ = false;
 
   friend class ManualChangeTrackerTestPeer;

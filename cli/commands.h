@@ -49,8 +49,19 @@ struct RunOptions {
   double seconds = 0;
   std::string dir;
   std::string maps;  // a directory for before/after cluster maps, "" for none
+  double activity = 0;  // mode 0: user changes a second on the drives, 0 for none
+  uint64_t seed = 1;    // of the user activity
 };
 int runCommand(const RunOptions& options);
+// run --mode 0: the smart driver over the images until the time is up or the
+// user stops it.
+int runSmartCommand(const RunOptions& options);
+
+// Windows: the machine's own drives, named by letter ("C:").
+// analyze: options.image holds the drive.
+int analyzeDriveCommand(const AnalyzeOptions& options);
+// run: options.images hold the drives; only they are enabled for the run.
+int runDrivesCommand(const RunOptions& options);
 
 struct ConfigOptions {
   std::string action;  // "get", "set" or "list"

@@ -1,9 +1,8 @@
 #include "cli/drive_pass.h"
 
-#include <unistd.h>
-
 #include <fmt/format.h>
 
+#include "cli/console.h"
 #include "cli/host_files.h"
 #include "cli/image_io.h"
 #include "cli/log_config_file.h"
@@ -54,8 +53,7 @@ PassResult runPass(const std::string& installDir, const std::vector<wchar_t>& le
   }
   std::string logFile = installLogConfig(installDir);
 
-  bool terminal = ::isatty(STDOUT_FILENO) == 1;
-  ProgressDisplay progress(stdout, terminal, terminalWidth(STDOUT_FILENO));
+  ProgressDisplay progress(stdout, isTerminal(stdout), terminalColumns(stdout));
   EngineRunSettings settings;
   settings.installDir = installDir;
   settings.stopAfterSeconds = stopAfterSeconds;

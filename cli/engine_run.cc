@@ -1,15 +1,13 @@
 #include "cli/engine_run.h"
 
-#include <signal.h>
-
 #include <fmt/format.h>
 
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <optional>
 #include <thread>
 
+#include "cli/console.h"
 #include "cli/host_files.h"
 #include "cli/registry_access.h"
 #include "engine/dfrg_exception.h"
@@ -21,43 +19,6 @@ namespace glidewell {
 namespace {
 
 constexpr auto kPollInterval = std::chrono::milliseconds(50);
-
-volatile std::sig_atomic_t interruptRequested = 0;
-
-void onInterrupt(int signal) {
-  if (interruptRequested) {
-    // Asked twice: the user does not want to wait for the engine.
-    std::signal(signal, SIG_DFL);
-    std::raise(signal);
-    return;
-  }
-  interruptRequested = 1;
-}
-
-// The first Ctrl-C or SIGTERM asks the run to stop (so the drive images are
-// written back whole) instead of ending the process in the middle of a move;
-// a second one ends the process.
-class InterruptGuard {
- public:
-  InterruptGuard() {
-    interruptRequested = 0;
-    struct sigaction sa = {};
-    sa.sa_handler = &onInterrupt;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, &oldInt_);
-    sigaction(SIGTERM, &sa, &oldTerm_);
-  }
-  ~InterruptGuard() {
-    sigaction(SIGINT, &oldInt_, nullptr);
-    sigaction(SIGTERM, &oldTerm_, nullptr);
-  }
-  InterruptGuard(const InterruptGuard&) = delete;
-  InterruptGuard& operator=(const InterruptGuard&) = delete;
-
- private:
-  struct sigaction oldInt_ = {};
-  struct sigaction oldTerm_ = {};
-};
 
 // The library's process-wide state, held for one run.
 class EngineSession {
@@ -158,7 +119,7 @@ EngineRunResult runEngineOnce(const EngineRunSettings& settings) {
     }
     if (!stopReason) {
       int code = dfrg_getLastErrorCode();
-      if (interruptRequested) {
+      if (interruptRequested()) {
         stopReason = RunEnd::kInterrupted;
       } else if (code != 0 && code != ErrorStopRequested && code != ErrorNoVolumesSelected) {
         // These two end the worker by themselves. After any other error it

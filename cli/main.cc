@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "cli/commands.h"
+#include "cli/registry_command_line.h"
 
 using namespace glidewell;
 
@@ -74,33 +75,24 @@ int main(int argc, char** argv) {
 
   RunOptions run;
   CLI::App* runCmd = app.add_subcommand(
-      "run", "Run one pass over images (they become drives C:, D:, ...); the originals are replaced only after a "
+      "run", "Run the engine over images (they become drives C:, D:, ...); the originals are replaced only after a "
              "good run");
   runCmd->add_option("IMAGE", run.images, "Drive images (.vdf), or NTFS images or block devices (defragmented in place)")->required();
-  runCmd->add_option("--mode", run.mode, "1: the pass loop (the only mode the exported functions start)")
+  runCmd->add_option("--mode", run.mode,
+                     "1: one pass of the pass loop, through the exported functions; 0: the smart driver, through "
+                     "the engine object, until the time is up or Ctrl-C")
       ->check(CLI::IsMember({0, 1}))
       ->capture_default_str();
-  runCmd->add_option("--seconds", run.seconds, "Stop the run after this many seconds (0: let it end)")
+  runCmd->add_option("--seconds", run.seconds, "Stop the run after this many seconds (0: let it end, or run until Ctrl-C)")
       ->check(CLI::NonNegativeNumber);
+  runCmd->add_option("--activity", run.activity,
+                     "Mode 0: users create, extend, truncate, rename and delete files at about RATE changes a second")
+      ->check(CLI::NonNegativeNumber);
+  runCmd->add_option("--seed", run.seed, "Mode 0: seed of the user activity")->capture_default_str();
   runCmd->add_option("--dir", run.dir, dirHelp());
   runCmd->add_option("--maps", run.maps, "Draw before/after cluster maps of each drive into this directory");
 
-  ConfigOptions config;
-  CLI::App* configCmd = app.add_subcommand("config", "Read or change the engine's settings");
-  configCmd->require_subcommand(1);
-  CLI::App* getCmd = configCmd->add_subcommand("get", "Print one setting (NAME like MaxClusterMoveCount or C:/enabled)");
-  getCmd->add_option("NAME", config.name, "The setting")->required();
-  getCmd->add_option("--dir", config.dir, dirHelp());
-  CLI::App* setCmd = configCmd->add_subcommand("set", "Store one setting (numbers; text for dumpPath and X:/Name)");
-  setCmd->add_option("NAME", config.name, "The setting")->required();
-  setCmd->add_option("VALUE", config.value, "The value")->required();
-  setCmd->add_option("--dir", config.dir, dirHelp());
-  CLI::App* listCmd = configCmd->add_subcommand("list", "Print every setting");
-  listCmd->add_option("--dir", config.dir, dirHelp());
-
-  StatsOptions stats;
-  CLI::App* statsCmd = app.add_subcommand("stats", "Print the run, daily and all-time statistics");
-  statsCmd->add_option("--dir", stats.dir, dirHelp());
+  RegistryCommandLine registryCommands(app, dirHelp());
 
   try {
     app.parse(argc, argv);
@@ -117,11 +109,8 @@ int main(int argc, char** argv) {
       return ageCommand(age);
     }
     if (runCmd->parsed()) return runCommand(run);
-    if (configCmd->parsed()) {
-      config.action = getCmd->parsed() ? "get" : setCmd->parsed() ? "set" : "list";
-      return configCommand(config);
-    }
-    if (statsCmd->parsed()) return statsCommand(stats);
+    int status = registryCommands.runIfParsed();
+    if (status >= 0) return status;
     if (!demoCmd->parsed()) fmt::print("No command given: running the demo (glidewell --help lists the commands).\n");
     return demoCommand(demo);
   } catch (const UsageError& e) {

@@ -1,12 +1,11 @@
 #include "cli/ntfs_drive.h"
 
-#include <unistd.h>
-
 #include <fmt/format.h>
 
 #include <cstdio>
 #include <filesystem>
 
+#include "cli/console.h"
 #include "cli/drive_pass.h"
 #include "cli/host_files.h"
 #include "cli/log_config_file.h"
@@ -143,8 +142,7 @@ int runNtfsVolumes(const std::vector<std::string>& volumes, double seconds, cons
   s.volumes = volumes;
   s.installDir = dir;
   s.stopAfterSeconds = seconds;
-  bool terminal = ::isatty(STDOUT_FILENO) == 1;
-  ProgressDisplay progress(stdout, terminal, terminalWidth(STDOUT_FILENO));
+  ProgressDisplay progress(stdout, isTerminal(stdout), terminalColumns(stdout));
   s.progress = &progress;
   NtfsPassOutcome o = runNtfsPass(s);
   for (size_t i = 0; i < volumes.size(); ++i) {

@@ -1,8 +1,5 @@
 #include "cli/progress_bar.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -51,12 +48,6 @@ std::string renderProgressLine(uint64_t done, uint64_t total, double seconds, co
   if (!detail.empty() && characters(line) + 2 < limit) line += "  " + keepTail(detail, limit - characters(line) - 2);
   if (characters(line) > limit) line = keepTail(line, limit);
   return line;
-}
-
-int terminalWidth(int fd) {
-  struct winsize ws;
-  if (::ioctl(fd, TIOCGWINSZ, &ws) == 0 && ws.ws_col > 0) return ws.ws_col;
-  return 80;
 }
 
 ProgressDisplay::ProgressDisplay(std::FILE* out, bool terminal, int width)

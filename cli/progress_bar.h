@@ -14,9 +14,6 @@ namespace glidewell {
 // most `width` characters (the detail gives way first). total 0 shows no share.
 std::string renderProgressLine(uint64_t done, uint64_t total, double seconds, const std::string& detail, int width);
 
-// The columns of the terminal on fd, or 80 when it cannot tell.
-int terminalWidth(int fd);
-
 class ProgressDisplay {
  public:
   // out is not owned. terminal: redraw in place; else plain lines.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "cli/host_files.h"
+#include "cli/registry_location.h"
 #include "config/dfrg_config.h"
 #include "platform/env.h"
 #include "platform/text.h"
@@ -45,9 +46,10 @@ class OpenKey {
   HKEY key_ = nullptr;
 };
 
-// Opens HKEY_CURRENT_USER\keyPath component by component.
-LONG openPath(RegistryBackend& backend, const std::string& keyPath, bool create, REGSAM access, OpenKey* out) {
-  HKEY parent = HKEY_CURRENT_USER;
+// Opens root\keyPath component by component.
+LONG openPath(RegistryBackend& backend, HKEY root, const std::string& keyPath, bool create, REGSAM access,
+              OpenKey* out) {
+  HKEY parent = root;
   OpenKey current(backend);
   size_t start = 0;
   while (start <= keyPath.size()) {
@@ -63,7 +65,7 @@ LONG openPath(RegistryBackend& backend, const std::string& keyPath, bool create,
     current.adopt(next.release());
     parent = current.get();
   }
-  if (current.get() == nullptr) return backend.openKey(HKEY_CURRENT_USER, "", access, out->put());
+  if (current.get() == nullptr) return backend.openKey(root, "", access, out->put());
   out->adopt(current.release());
   return ERROR_SUCCESS;
 }
@@ -208,8 +210,8 @@ std::string formatValue(const RegistryValue& value) {
 }
 
 std::unique_ptr<HostRegistry> HostRegistry::open(const std::string& installDir, bool create) {
-  std::string path = installDir + "registry.db";
-  if (!create && !isRegularFile(path)) {
+  std::string path = registryLocation(installDir);
+  if (!create && !registryExists(installDir)) {
     throw HostError("no registry database at " + path + " (nothing has run in that install directory)");
   }
   if (create) prepareDirectory(installDir);
@@ -234,9 +236,9 @@ std::string HostRegistry::userKey(const std::string& subkey) {
   return subkey.empty() ? key : key + "\\" + subkey;
 }
 
-std::optional<RegistryValue> HostRegistry::get(const std::string& keyPath, const std::wstring& name) {
+std::optional<RegistryValue> HostRegistry::get(const std::string& keyPath, const std::wstring& name, HKEY root) {
   OpenKey key(*backend_);
-  if (openPath(*backend_, keyPath, false, KEY_READ, &key) != ERROR_SUCCESS) return std::nullopt;
+  if (openPath(*backend_, root, keyPath, false, KEY_READ, &key) != ERROR_SUCCESS) return std::nullopt;
   RegistryValue v;
   if (backend_->queryValue(key.get(), name, &v.type, &v.data) != ERROR_SUCCESS) return std::nullopt;
   return v;
@@ -244,7 +246,7 @@ std::optional<RegistryValue> HostRegistry::get(const std::string& keyPath, const
 
 void HostRegistry::set(const std::string& keyPath, const std::wstring& name, const RegistryValue& value) {
   OpenKey key(*backend_);
-  LONG rc = openPath(*backend_, keyPath, true, KEY_ALL_ACCESS, &key);
+  LONG rc = openPath(*backend_, HKEY_CURRENT_USER, keyPath, true, KEY_ALL_ACCESS, &key);
   if (rc == ERROR_SUCCESS) {
     rc = backend_->setValue(key.get(), name, value.type, value.data.data(), static_cast<DWORD>(value.data.size()));
   }
@@ -256,16 +258,16 @@ void HostRegistry::set(const std::string& keyPath, const std::wstring& name, con
 std::vector<std::string> HostRegistry::subkeys(const std::string& keyPath) {
   std::vector<std::string> out;
   OpenKey key(*backend_);
-  if (openPath(*backend_, keyPath, false, KEY_READ, &key) != ERROR_SUCCESS) return out;
+  if (openPath(*backend_, HKEY_CURRENT_USER, keyPath, false, KEY_READ, &key) != ERROR_SUCCESS) return out;
   std::string name;
   for (DWORD i = 0; backend_->enumKey(key.get(), i, &name) == ERROR_SUCCESS; ++i) out.push_back(name);
   return out;
 }
 
-std::vector<std::wstring> HostRegistry::values(const std::string& keyPath) {
+std::vector<std::wstring> HostRegistry::values(const std::string& keyPath, HKEY root) {
   std::vector<std::wstring> out;
   OpenKey key(*backend_);
-  if (openPath(*backend_, keyPath, false, KEY_READ, &key) != ERROR_SUCCESS) return out;
+  if (openPath(*backend_, root, keyPath, false, KEY_READ, &key) != ERROR_SUCCESS) return out;
   std::wstring name;
   for (DWORD i = 0; backend_->enumValue(key.get(), i, &name) == ERROR_SUCCESS; ++i) out.push_back(name);
   return out;

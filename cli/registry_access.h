@@ -49,8 +49,9 @@ const char* typeName(DWORD type);
 
 class HostRegistry {
  public:
-  // Opens <installDir>registry.db. Without `create`, HostError when there is
-  // no database yet (nothing has run there). One at a time per process.
+  // Opens the registry of the install directory (registry_location.h).
+  // Without `create`, HostError when there is no database yet (nothing has
+  // run there). One at a time per process.
   static std::unique_ptr<HostRegistry> open(const std::string& installDir, bool create);
   ~HostRegistry();
   HostRegistry(const HostRegistry&) = delete;
@@ -58,17 +59,19 @@ class HostRegistry {
 
   const std::string& path() const { return path_; }
 
-  // HKEY_CURRENT_USER\<product key>\<subkey>; "" for the product key itself.
+  // HKEY_CURRENT_USER\<product key>\<subkey>; "" for the product key itself
+  // (below HKEY_LOCAL_MACHINE, that key holds the volume modes).
   static std::string userKey(const std::string& subkey);
 
   // Null when the key or the value is missing.
-  std::optional<RegistryValue> get(const std::string& keyPath, const std::wstring& name);
+  std::optional<RegistryValue> get(const std::string& keyPath, const std::wstring& name,
+                                   HKEY root = HKEY_CURRENT_USER);
   // Creates the key when missing. HostError when the write fails.
   void set(const std::string& keyPath, const std::wstring& name, const RegistryValue& value);
   // Names of the subkeys and of the values of a key, in registry order;
   // empty when the key is missing.
   std::vector<std::string> subkeys(const std::string& keyPath);
-  std::vector<std::wstring> values(const std::string& keyPath);
+  std::vector<std::wstring> values(const std::string& keyPath, HKEY root = HKEY_CURRENT_USER);
 
  private:
   explicit HostRegistry(std::string path) : path_(std::move(path)) {}

@@ -5,6 +5,8 @@
 #include "cli/commands.h"
 #include "cli/registry_access.h"
 #include "cli/report_table.h"
+#include "cli/volume_modes.h"
+#include "platform/env.h"
 #include "platform/text.h"
 
 namespace glidewell {
@@ -56,6 +58,18 @@ int configList(HostRegistry& registry) {
   return 0;
 }
 
+// The smart driver's volume modes, kept below HKEY_LOCAL_MACHINE.
+void printVolumeModes(HostRegistry& registry) {
+  std::vector<StoredVolumeMode> modes = readVolumeModes(registry);
+  fmt::print("\nvolume modes in HKEY_LOCAL_MACHINE\\{}:{}\n", HostRegistry::userKey(""), modes.empty() ? " none" : "");
+  uint64_t now = Env::current()->fileTimeNow();
+  for (const StoredVolumeMode& m : modes) {
+    std::string mode = m.mode ? modeLabel(*m.mode, -1) : "scan (the stored value is no number)";
+    std::string age = m.setAt ? "set " + describeAge(fileTimeMsBetween(*m.setAt, now)) + " ago" : "time unknown";
+    fmt::print("  {}: {}, {}\n", narrow(std::wstring(1, m.letter)), mode, age);
+  }
+}
+
 }  // namespace
 
 int configCommand(const ConfigOptions& o) {
@@ -104,10 +118,10 @@ int statsCommand(const StatsOptions& o) {
   for (auto it = days.rbegin(); it != days.rend(); ++it) addRow(*it, statistics + "\\daily\\" + *it);
   addRow("all time", statistics + "\\complete");
   fmt::print("{}", table.render());
-  auto status = registry->get(statistics, L"Status");
   auto lastFile = registry->get(statistics, L"Last File");
-  fmt::print("\nstatus:     {}\nlast file:  {}\n", status ? formatValue(*status) : "-",
+  fmt::print("\nengine status: {}\nlast file:     {}\n", statusText(readEngineStatus(*registry)),
              lastFile ? formatValue(*lastFile) : "-");
+  printVolumeModes(*registry);
   return 0;
 }
 

@@ -24,10 +24,9 @@ std::string canonicalPath(const std::string& path) {
 }  // namespace
 
 int runCommand(const RunOptions& o) {
-  if (o.mode == 0) {
-    throw UsageError("--mode 0 (the smart driver) cannot be started: the exported functions always start mode 1");
-  }
-  if (o.mode != 1) throw UsageError("--mode must be 1 (the pass loop)");
+  if (o.mode == 0) return runSmartCommand(o);
+  if (o.mode != 1) throw UsageError("--mode must be 0 (the smart driver) or 1 (the pass loop)");
+  if (o.activity != 0) throw UsageError("--activity works with --mode 0 only");
   if (o.seconds < 0) throw UsageError("--seconds must not be negative");
   if (o.images.empty()) throw UsageError("run needs at least one image");
   if (o.images.size() > 24) throw UsageError("run takes at most 24 images (drives C: to Z:)");

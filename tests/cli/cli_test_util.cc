@@ -1,14 +1,17 @@
 #include "cli_test_util.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "cli/image_io.h"
 #include "sim/sim_aging.h"
@@ -22,7 +25,8 @@ std::string fileText(const std::string& path) {
   return s.str();
 }
 
-CommandResult runGlidewell(const std::vector<std::string>& args, const std::string& home) {
+CommandResult runGlidewell(const std::vector<std::string>& args, const std::string& home, int signalAfterMs,
+                           int signal) {
   std::string outPath = home + "/.command-out", errPath = home + "/.command-err";
   pid_t pid = ::fork();
   if (pid == 0) {
@@ -43,6 +47,10 @@ CommandResult runGlidewell(const std::vector<std::string>& args, const std::stri
     argv.push_back(nullptr);
     ::execv(program.c_str(), argv.data());
     ::_exit(127);
+  }
+  if (pid > 0 && signalAfterMs > 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(signalAfterMs));
+    ::kill(pid, signal);
   }
   CommandResult result;
   int status = 0;

@@ -3,6 +3,7 @@
 #ifndef GLIDEWELL_TESTS_CLI_CLI_TEST_UTIL_H_
 #define GLIDEWELL_TESTS_CLI_CLI_TEST_UTIL_H_
 
+#include <csignal>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -18,7 +19,9 @@ struct CommandResult {
 // Runs the built glidewell with these arguments (each passed as it is, no
 // shell), with $HOME and $GLIDEWELL_HOME pointed at `home` so that nothing
 // outside the test's directory is touched, and stdin closed.
-CommandResult runGlidewell(const std::vector<std::string>& args, const std::string& home);
+// With signalAfterMs > 0, the signal is sent that long after the start.
+CommandResult runGlidewell(const std::vector<std::string>& args, const std::string& home, int signalAfterMs = 0,
+                           int signal = SIGTERM);
 
 // The number in the given column (1 = first value) of the table row whose
 // name is `row` ("fragmented files"); -1 when there is no such row.

@@ -84,8 +84,10 @@ TEST_F(CommandTest, BadOptionsAreUsageErrors) {
   expectRefused(run({"config", "set", "MaxClusterMoveCount", "lots"}), 2, "lots");
   expectRefused(run({"config", "set", "NoSuchSetting", "1"}), 2, "NoSuchSetting");
   expectRefused(run({"run", image_, image_}), 2, "given twice");
-  expectRefused(run({"run", image_, "--mode", "0"}), 2,
-                "--mode 0 (the smart driver) cannot be started: the exported functions always start mode 1");
+  expectRefused(run({"run", image_, "--activity", "5"}), 2, "--activity works with --mode 0 only");
+  expectRefused(run({"run", image_, "--mode", "0", "--activity", "-1"}), 2, "--activity");
+  expectRefused(run({"run", image_, "--mode", "0", "--maps", dir_.file("maps")}), 2, "--maps works with --mode 1");
+  expectRefused(run({"run", image_, image_, "--mode", "0"}), 2, "given twice");
 }
 
 TEST_F(CommandTest, DirectoriesThatCannotBeMadeAreNamed) {

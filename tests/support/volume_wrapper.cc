@@ -22,9 +22,15 @@ class VolumeWrapper : public CVolumeSystem {
   BOOL getDiskFreeSpace(DWORD* a, DWORD* b, DWORD* c, DWORD* d) override { return inner_->getDiskFreeSpace(a, b, c, d); }
   HANDLE createFile(const std::wstring& path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES sa, DWORD disp,
                     DWORD flags, HANDLE tmpl) override {
+    std::function<void(const std::wstring&)> hook;
     {
       std::lock_guard<std::mutex> g(probe_->mutex);
       probe_->opened.push_back(path);
+      hook = probe_->beforeOpen;
+    }
+    if (hook) hook(path);
+    {
+      std::lock_guard<std::mutex> g(probe_->mutex);
       auto it = probe_->failOpen.find(path);
       if (it != probe_->failOpen.end()) {
         SetLastError(it->second);

@@ -25,6 +25,8 @@ struct VolumeProbe {
   std::set<std::wstring> junctions;        // leaf names shown as reparse points
   // Runs before each move reaches the volume (a test may change the disk).
   std::function<void(const MOVE_FILE_DATA&)> beforeMove;
+  // Runs before each open reaches the volume, with the path.
+  std::function<void(const std::wstring&)> beforeOpen;
 
   std::vector<std::wstring> openedPaths() {
     std::lock_guard<std::mutex> g(mutex);

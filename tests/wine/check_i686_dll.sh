@@ -6,7 +6,9 @@
 # host compiled against include/glidewell/dfrg.h links against an import
 # library that dlltool -k made from the decorated names, so the header's
 # declarations and the DLL's names agree; (4) it needs no DLL that Windows
-# lacks (the mingw runtime: libstdc++-6.dll, libgcc_s_*.dll, libwinpthread-1.dll).
+# lacks (the mingw runtime: libstdc++-6.dll, libgcc_s_*.dll, libwinpthread-1.dll);
+# (5) the glidewell command built beside it needs none either and imports
+# only names the DLL exports.
 #
 #   check_i686_dll.sh DLL INCLUDE_DIR WORK_DIR
 # Exit status 77: skipped (DLL not built, or no i686 mingw-w64 tools).
@@ -111,6 +113,19 @@ else
   # The caller must import the undecorated names from glidewell.dll.
   imports="$("$T-objdump" -p "$work/caller.exe" | awk '/DLL Name: glidewell.dll/ { on = 1; next } on && /DLL Name:/ { exit } on && NF >= 2 { print $NF }' | grep '^dfrg_' | sort)"
   [ "$imports" = "$expected" ] || bad "the caller imports $(echo $imports) instead of the ten undecorated names"
+fi
+
+# (5) The glidewell command built beside the DLL: it needs no runtime DLL
+# either, and asks glidewell.dll only for names the DLL exports.
+exe="$(dirname "$dll")/glidewell.exe"
+if [ -f "$exe" ]; then
+  exe_headers="$("$T-objdump" -p "$exe")"
+  runtime="$(awk '/DLL Name:/ { print $3 }' <<<"$exe_headers" | grep -i '^lib' | tr '\n' ' ')"
+  [ -z "$runtime" ] || bad "glidewell.exe needs mingw runtime DLLs: $runtime"
+  used="$(awk '/DLL Name: glidewell.dll/ { on = 1; next } on && /DLL Name:/ { exit } on && NF >= 2 { print $NF }' <<<"$exe_headers" | grep '^dfrg_' | sort)"
+  [ -n "$used" ] || bad "glidewell.exe imports nothing from glidewell.dll"
+  unknown="$(comm -23 <(echo "$used") <(echo "$expected"))"
+  [ -z "$unknown" ] || bad "glidewell.exe imports names the DLL does not export: $(echo $unknown)"
 fi
 
 [ "$fail" -eq 0 ] || exit 1

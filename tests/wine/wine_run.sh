@@ -3,6 +3,12 @@
 #
 #   wine_run.sh init  PREFIX    make a fresh prefix (wineboot, crash debugger off)
 #   wine_run.sh run   PREFIX [--reg HIVE KEY LINE]... -- PROGRAM [ARG]...
+#   wine_run.sh expect PREFIX STATUS OUT ERR [--reg HIVE KEY LINE]... -- PROGRAM [ARG]...
+#                               run a command-line program: it must exit with
+#                               STATUS, print a line matching the extended
+#                               regular expression OUT ("" for no check), and
+#                               write nothing to stderr, or ("" ERR otherwise)
+#                               exactly one line, matching ERR
 #   wine_run.sh clean PREFIX    stop the prefix's Wine processes, delete it
 #
 # A program passes only when it exits with status 0 AND its last line of
@@ -73,7 +79,12 @@ init)
   rm -f "$WINEPREFIX.boot.log"
   echo "wine_run: prefix $WINEPREFIX ready in $(( $(date +%s) - start )) s"
   ;;
-run)
+run|expect)
+  if [ "$cmd" = expect ]; then
+    [ $# -ge 3 ] || usage
+    want_status="$1" want_out="$2" want_err="$3"
+    shift 3
+  fi
   regs=()
   while [ $# -gt 0 ] && [ "$1" != "--" ]; do
     case "$1" in
@@ -94,22 +105,43 @@ run)
     echo "wine_run: skipped, $program is not built (cmake --preset win64 && cmake --build --preset win64)"
     exit 77
   fi
-  out="$(mktemp)"
-  trap 'rm -f "$out"' EXIT
-  timeout "$RUN_TIMEOUT" "$LOADER" "$program" "$@" >"$out" 2>&1
+  out="$(mktemp)" err="$(mktemp)"
+  trap 'rm -f "$out" "$err"' EXIT
+  if [ "$cmd" = expect ]; then
+    timeout "$RUN_TIMEOUT" "$LOADER" "$program" "$@" >"$out" 2>"$err"
+  else
+    timeout "$RUN_TIMEOUT" "$LOADER" "$program" "$@" >"$out" 2>&1
+  fi
   status=$?
   tr -d '\r' <"$out"
+  tr -d '\r' <"$err" >&2
   last="$(tr -d '\r' <"$out" | grep -v '^[[:space:]]*$' | tail -n 1)"
   if [ "$status" -eq 124 ]; then
     echo "wine_run: FAILED, $program did not finish within $RUN_TIMEOUT s" >&2
     "$SERVER" -k 2>/dev/null
     exit 1
   fi
-  if [ "$status" -ne 0 ]; then
+  if [ "$cmd" = expect ]; then
+    failed=0
+    [ "$status" -eq "$want_status" ] || { echo "wine_run: FAILED, exit status $status, expected $want_status" >&2; failed=1; }
+    if [ -n "$want_out" ] && ! tr -d '\r' <"$out" | grep -Eq -- "$want_out"; then
+      echo "wine_run: FAILED, no output line matches $want_out" >&2
+      failed=1
+    fi
+    errors="$(tr -d '\r' <"$err")"
+    if [ -z "$want_err" ] && [ -n "$errors" ]; then
+      echo "wine_run: FAILED, unexpected output on stderr" >&2
+      failed=1
+    elif [ -n "$want_err" ] && { [ "$(grep -c '' <<<"$errors")" -ne 1 ] || ! grep -Eq -- "$want_err" <<<"$errors"; }; then
+      echo "wine_run: FAILED, stderr is not one line matching $want_err" >&2
+      failed=1
+    fi
+    [ "$failed" -eq 0 ] || exit 1
+  elif [ "$status" -ne 0 ]; then
     echo "wine_run: FAILED, $program exited with status $status" >&2
     exit 1
   fi
-  if [ "$last" != "$SENTINEL" ]; then
+  if [ "$cmd" = run ] && [ "$last" != "$SENTINEL" ]; then
     echo "wine_run: FAILED, $program exited 0 but did not report \"$SENTINEL\" last (did it run at all?)" >&2
     exit 1
   fi
