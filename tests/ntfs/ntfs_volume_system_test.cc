@@ -301,6 +301,9 @@ TEST_F(NtfsVolumeSystemTest, VolumesThatAreNotSafeToWriteAreRefusedUntouched) {
   std::string dirty = dir.file("dirty.img");
   ASSERT_EQ(makeImage(dirty, 32 << 20), "");
   ASSERT_EQ(markDirty(dirty), "");
+  std::string unclean = dir.file("unclean.img");
+  ASSERT_EQ(makeImage(unclean, 32 << 20), "");
+  ASSERT_EQ(markJournalUnclean(unclean), "");
   std::string hibernated = dir.file("hibernated.img");
   ASSERT_EQ(makeImage(hibernated, 32 << 20), "");
   std::vector<uint8_t> hiberfile(4096, 0);
@@ -310,6 +313,7 @@ TEST_F(NtfsVolumeSystemTest, VolumesThatAreNotSafeToWriteAreRefusedUntouched) {
     std::string path, reason;
   };
   for (const Case& c : {Case{notNtfs, "not an NTFS volume"}, Case{dirty, "dirty: run ntfsfix or chkdsk first"},
+                        Case{unclean, "unclean journal ($LogFile): run ntfsfix or chkdsk first"},
                         Case{hibernated, "hibernated"}, Case{dir.file("missing.img"), "cannot open"}}) {
     std::string before = readWhole(c.path), error;
     EXPECT_EQ(NtfsVolume::open(c.path, &error), nullptr) << c.path;
