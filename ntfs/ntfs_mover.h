@@ -55,7 +55,9 @@ class NtfsMover {
  private:
   // Commits the base batch: flush, records, flush, frees, next batch's data.
   bool commit();
-  bool writeRecord(uint64_t mftNo, const std::vector<NtfsRun>& runs, bool* listed);
+  // Points the file's records at runs; *repacked when the library had to
+  // lay its records out afresh.
+  bool writeRecord(uint64_t mftNo, const std::vector<NtfsRun>& runs, bool* repacked);
   bool readBitmap(int64_t lcn, int64_t count, int64_t* firstByte, std::vector<uint8_t>* bytes);
   bool writeBitmap(int64_t firstByte, const std::vector<uint8_t>& bytes);
   // Frees extents given in cluster order.
