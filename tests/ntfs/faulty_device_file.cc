@@ -1,15 +1,20 @@
 #include "faulty_device_file.h"
 
+#include <errno.h>
 #include <unistd.h>
 
 namespace glidewell {
 namespace ntfstest {
 
-void FaultyDeviceFile::count() {
+bool FaultyDeviceFile::count() {
   ++done_;
   if (operations_ != nullptr) ++*operations_;
-  if (done_ != crashAt_) return;
-  if (crash_ == Crash::kMachine && !unflushed_.empty()) {
+  if (done_ != faultAt_) return true;
+  if (fault_ == Fault::kOperationFails) {
+    errno = EIO;
+    return false;
+  }
+  if (fault_ == Fault::kMachineDies && !unflushed_.empty()) {
     // Undo every unflushed write, newest first, then keep the last one.
     for (auto it = unflushed_.rbegin(); it != unflushed_.rend(); ++it) {
       file_->write(it->before.data(), static_cast<int64_t>(it->before.size()), it->offset);
@@ -21,8 +26,8 @@ void FaultyDeviceFile::count() {
 }
 
 int64_t FaultyDeviceFile::write(const void* buffer, int64_t count, int64_t offset) {
-  this->count();
-  if (crash_ == Crash::kMachine && crashAt_ != 0) {
+  if (!this->count()) return -1;
+  if (fault_ == Fault::kMachineDies && faultAt_ != 0) {
     Unflushed u{offset, std::vector<uint8_t>(static_cast<size_t>(count)),
                 std::vector<uint8_t>(static_cast<const uint8_t*>(buffer), static_cast<const uint8_t*>(buffer) + count)};
     int64_t n = file_->read(u.before.data(), count, offset);
@@ -33,7 +38,7 @@ int64_t FaultyDeviceFile::write(const void* buffer, int64_t count, int64_t offse
 }
 
 int FaultyDeviceFile::sync() {
-  count();
+  if (!count()) return -1;
   unflushed_.clear();
   return file_->sync();
 }

@@ -1,7 +1,9 @@
 // Catches moves whose writes are ordered so that a crash at some instant
 // loses a byte, or leaves a volume that ntfsfix rejects or that cannot be
-// opened again: a script of moves is cut at every write and flush it makes,
-// once as a killed process and once as a failed machine (FaultyDeviceFile).
+// opened again, and moves that go on after a failed write as if it had been
+// made: a script of moves is cut at every write and flush it makes, as a
+// killed process, as a failed machine and as a failed operation
+// (FaultyDeviceFile).
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -127,7 +129,7 @@ TEST(NtfsCrashTest, EveryWriteAndFlushOfTheMovesIsASafePlaceToCrash) {
   ASSERT_TRUE(writeImage(image, bytes));
   uint64_t operations = 0;
   ASSERT_EQ(runScript(image, script, options([&](std::unique_ptr<DeviceFile> f) {
-              return std::make_unique<FaultyDeviceFile>(std::move(f), 0, Crash::kProcess, &operations);
+              return std::make_unique<FaultyDeviceFile>(std::move(f), 0, Fault::kProcessDies, &operations);
             })),
             "");
   EXPECT_EQ(manifest(image), original);
@@ -163,25 +165,28 @@ TEST(NtfsCrashTest, EveryWriteAndFlushOfTheMovesIsASafePlaceToCrash) {
     labels.clear();
   };
   for (uint64_t n = 1; n <= operations; ++n) {
-    for (Crash crash : {Crash::kProcess, Crash::kMachine}) {
-      std::string label = std::string(crash == Crash::kProcess ? "process" : "machine") + " dies at operation " +
-                          std::to_string(n) + " of " + std::to_string(operations);
+    for (Fault fault : {Fault::kProcessDies, Fault::kMachineDies, Fault::kOperationFails}) {
+      const char* what[] = {"the process dies", "the machine dies", "the device fails"};
+      std::string label = std::string(what[static_cast<int>(fault)]) + " at operation " + std::to_string(n) + " of " +
+                          std::to_string(operations);
       std::string path = dir.file("crash" + std::to_string(crashed.size()) + ".img");
       ASSERT_TRUE(writeImage(path, bytes));
       pid_t pid = ::fork();
       if (pid == 0) {
         runScript(path, script, options([&](std::unique_ptr<DeviceFile> f) {
-                    return std::make_unique<FaultyDeviceFile>(std::move(f), n, crash, nullptr);
+                    return std::make_unique<FaultyDeviceFile>(std::move(f), n, fault, nullptr);
                   }));
-        ::_exit(1);  // not cut: the count above was wrong
+        // A failed operation is survived; a death that did not come means
+        // the count above was wrong.
+        ::_exit(fault == Fault::kOperationFails ? 0 : 1);
       }
       int status = 0;
       ::waitpid(pid, &status, 0);
-      ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << label << ": the script was not cut there";
+      ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << label << ": the script did not end there";
       crashed.push_back(path);
       labels.push_back(label);
     }
-    if (crashed.size() >= 40 || n == operations) check();
+    if (crashed.size() >= 45 || n == operations) check();
   }
 }
 
