@@ -200,12 +200,15 @@ uint32_t NtfsMover::move(uint64_t mftNo, int64_t vcn, int64_t lcn, uint32_t coun
   }
   uint64_t batch = pending_.batchFor(mftNo, lcn, p.stored);
   const size_t bytes = static_cast<size_t>(p.stored << vol_->cluster_size_bits);
-  // Data that has to wait must fit in memory, else the batches before it go first.
-  while (batch > pending_.base() && pending_.heldBytes() + bytes > limits_.heldBytes) {
-    if (!commit()) return kNtfsWriteFault;
+  // Data that has to wait must fit in memory, else the batches before it go
+  // first (which may free clusters around the target: the bitmap is read again).
+  if (batch > pending_.base() && pending_.heldBytes() + bytes > limits_.heldBytes) {
+    while (batch > pending_.base() && pending_.heldBytes() + bytes > limits_.heldBytes) {
+      if (!commit()) return kNtfsWriteFault;
+    }
+    batch = std::max(batch, pending_.base());
+    if (!readBitmap(lcn, p.stored, &firstByte, &before)) return kNtfsReadFault;
   }
-  batch = std::max(batch, pending_.base());
-  if (!readBitmap(lcn, p.stored, &firstByte, &before)) return kNtfsReadFault;
 
   // 1. The target is ours before anything points at it; its data follows at
   // once in the base batch, later (held here) in a batch above it.
@@ -259,14 +262,15 @@ std::vector<runlist_element> slice(const runlist_element* rl, VCN first, VCN las
   return out;
 }
 
-enum class Rewrite { kDone, kNoRoom, kFailed };
+enum class Rewrite { kDone, kCannot, kFailed };
 
 // Writes na's runlist into the mapping pairs of each of its records, each
 // for the VCNs that record covers already. The records keep their ranges and
 // the attribute list stays as it is, so every record's write stands on its
 // own: killed between them, each record maps its VCNs to the old clusters or
-// to the new ones, and both hold the data. kNoRoom, with nothing changed,
-// when a record cannot hold its new mapping pairs.
+// to the new ones, and both hold the data. kCannot, with nothing changed,
+// when a record has no room for its new mapping pairs (or its records are
+// not laid out as expected).
 Rewrite rewriteInPlace(ntfs_volume* vol, ntfs_inode* ni, ntfs_attr* na) {
   struct Extent {
     ntfs_inode* owner;
@@ -282,17 +286,17 @@ Rewrite rewriteInPlace(ntfs_volume* vol, ntfs_inode* ni, ntfs_attr* na) {
   for (VCN next = 0; next < end;) {
     ntfs_attr_reinit_search_ctx(ctx.get());
     if (ntfs_attr_lookup(AT_DATA, AT_UNNAMED, 0, CASE_SENSITIVE, next, nullptr, 0, ctx.get()) != 0) {
-      return Rewrite::kFailed;
+      return Rewrite::kCannot;
     }
     ATTR_RECORD* a = ctx->attr;
     const VCN lowest = sle64_to_cpu(a->lowest_vcn), highest = sle64_to_cpu(a->highest_vcn);
-    if (!a->non_resident || lowest != next || highest < lowest) return Rewrite::kFailed;
+    if (!a->non_resident || lowest != next || highest < lowest) return Rewrite::kCannot;
     Extent e{ctx->ntfs_ino, ctx->mrec, a, slice(na->rl, lowest, highest), 0};
     int size = ntfs_get_size_for_mapping_pairs(vol, e.runs.data(), lowest, INT32_MAX);
-    if (size < 0) return Rewrite::kFailed;
+    if (size < 0) return Rewrite::kCannot;
     e.length = (le16_to_cpu(a->mapping_pairs_offset) + static_cast<u32>(size) + 7) & ~7u;
     const u32 grows = e.length > le32_to_cpu(a->length) ? e.length - le32_to_cpu(a->length) : 0;
-    if (grows > le32_to_cpu(e.record->bytes_allocated) - le32_to_cpu(e.record->bytes_in_use)) return Rewrite::kNoRoom;
+    if (grows > le32_to_cpu(e.record->bytes_allocated) - le32_to_cpu(e.record->bytes_in_use)) return Rewrite::kCannot;
     extents.push_back(std::move(e));
     next = highest + 1;
   }
@@ -327,10 +331,11 @@ bool NtfsMover::writeRecord(uint64_t mftNo, const std::vector<NtfsRun>& runs, bo
   na->rl = rl;
   Rewrite done = rewriteInPlace(vol_, ni.get(), na.get());
   if (done == Rewrite::kFailed) return false;
-  // No room: the library packs the runs into records afresh, moving record
-  // boundaries and rewriting the attribute list, which cannot be written in
-  // an order that is safe at every instant; see commit().
-  *repacked = done == Rewrite::kNoRoom;
+  // Else the library packs the runs into records afresh. With an attribute
+  // list that moves record boundaries and rewrites the list, in writes no
+  // order makes safe at every instant (NTFS itself relies on its journal);
+  // it happens only when a move adds runs to a full record.
+  *repacked = done == Rewrite::kCannot;
   if (*repacked && ntfs_attr_update_mapping_pairs(na.get(), 0) != 0) return false;
   return ntfs_inode_sync(ni.get()) == 0;
 }

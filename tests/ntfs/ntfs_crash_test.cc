@@ -30,11 +30,13 @@ struct Move {
   uint32_t count;
 };
 
-// Commits after every third file record, so that the script commits both
-// between moves and when the volume is closed.
+// Commits after every third file record, and before a second cluster would
+// wait in memory, so that the script commits between moves for both reasons
+// and when the volume is closed.
 NtfsVolume::Options options(DeviceFileWrapper wrap) {
   NtfsVolume::Options o;
   o.limits.records = 3;
+  o.limits.heldBytes = 4096;
   o.wrapFile = std::move(wrap);
   return o;
 }
@@ -74,8 +76,8 @@ int64_t freeRun(NtfsVolume& v, int64_t n, int64_t from) {
 }
 
 // The moves, planned on the untouched volume: a fragmented file to a free
-// run; one cluster of its twin into a cluster the first move left (that
-// move's record must be durable before the cluster is overwritten); a file
+// run; two clusters of its twin into clusters the first move left (that
+// move's record must be durable before they are overwritten); a file
 // whose runs fill several records through an attribute list, whole, and a
 // stretch across its twin's records; two units of a compressed file.
 std::vector<Move> planScript(const std::string& image) {
@@ -90,7 +92,8 @@ std::vector<Move> planScript(const std::string& image) {
   int64_t otherAt = freeRun(*v, 200, packedAt + 32);
   EXPECT_TRUE(listedAt >= 0 && aAt >= 0 && packedAt >= 0 && otherAt >= 0);
   return {{{u"a.bin"}, 0, aAt, 24},
-          {{u"b.bin"}, 0, a.front().lcn, 1},
+          {{u"b.bin"}, 0, a[0].lcn, 1},
+          {{u"b.bin"}, 1, a[1].lcn, 1},
           {{u"listed.bin"}, 0, listedAt, 400},
           {{u"other.bin"}, 100, otherAt, 200},
           {{u"packed", u"log.txt"}, 0, packedAt, 16},
