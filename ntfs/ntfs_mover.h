@@ -4,7 +4,7 @@
 // A move is made at once in the volume's view (runs, bitmap) and reaches the
 // disk in three steps, each durable before the next starts:
 //   1. the new clusters are marked used in $Bitmap and the data copied there;
-//   2. the file record (mapping pairs, attribute list) points at them;
+//   2. the file's records point at them (writeStreamRuns);
 //   3. the old clusters are freed in $Bitmap.
 // Killed anywhere, a file reads its old clusters (before 2) or its new ones
 // (after 2), which hold the same bytes; the worst case is clusters marked
@@ -13,9 +13,9 @@
 // A flush between the steps costs far more than the copy of a small file, so
 // moves share them in batches (PendingMoves): a commit flushes the data of a
 // whole batch, writes its records, flushes again and frees what it left.
-// The volume commits when held data or pending records pass their limits,
-// and before it is unmounted; a crash before a commit loses only moves, and
-// every file stays where it was.
+// The volume commits when held data, pending records or left extents pass
+// their limits (NtfsCommitLimits), and before it is unmounted; a crash
+// before a commit loses only moves, and every file stays where it was.
 //
 // Used under the volume's lock.
 #ifndef GLIDEWELL_NTFS_NTFS_MOVER_H_
@@ -55,9 +55,6 @@ class NtfsMover {
  private:
   // Commits the base batch: flush, records, flush, frees, next batch's data.
   bool commit();
-  // Points the file's records at runs; *repacked when the library had to
-  // lay its records out afresh.
-  bool writeRecord(uint64_t mftNo, const std::vector<NtfsRun>& runs, bool* repacked);
   bool readBitmap(int64_t lcn, int64_t count, int64_t* firstByte, std::vector<uint8_t>* bytes);
   bool writeBitmap(int64_t firstByte, const std::vector<uint8_t>& bytes);
   // Frees extents given in cluster order.
