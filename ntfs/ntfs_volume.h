@@ -117,7 +117,8 @@ class NtfsVolume {
   const std::u16string& label() const { return label_; }
 
   // Copies count bytes of $Bitmap from byte first (cluster 8 * first); bytes
-  // past the volume read as 0. kNtfsOk or kNtfsReadFault.
+  // past the volume read as 0, and clusters that moves not yet committed left
+  // read as free. kNtfsOk or kNtfsReadFault.
   uint32_t readBitmap(uint64_t first, size_t count, uint8_t* out);
   uint64_t freeClusters();
 
@@ -131,6 +132,7 @@ class NtfsVolume {
   // way), kNtfsAccessDenied (a metafile).
   uint32_t lookup(const std::vector<std::u16string>& components, uint64_t* mftNo);
   uint32_t fileInfo(uint64_t mftNo, NtfsFileInfo* info);
+  // The runs after every move made, committed or not.
   uint32_t streamMap(uint64_t mftNo, NtfsStreamMap* map);
   // Moves clusters [vcn, vcn + count) of the file's unnamed data stream to
   // lcn (see NtfsMover). The volume shows the move at once; it is durable
