@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <memory>
-#include <vector>
 
 #include "ntfs/ntfs3g.h"
-#include "ntfs/ntfs_volume.h"
+#include "ntfs/ntfs_record_writer.h"
 
 namespace glidewell {
 
@@ -20,87 +19,144 @@ struct AttrCloser {
   void operator()(ntfs_attr* na) const { ntfs_attr_close(na); }
 };
 
-// A stored piece of the range being moved: where it is now.
-struct Piece {
-  int64_t lcn;
-  int64_t length;
-};
-
-void append(std::vector<runlist_element>* rl, VCN vcn, LCN lcn, s64 length) {
+void append(std::vector<NtfsRun>* runs, int64_t vcn, int64_t lcn, int64_t length) {
   if (length <= 0) return;
-  if (!rl->empty()) {
-    runlist_element& last = rl->back();
+  if (!runs->empty()) {
+    NtfsRun& last = runs->back();
     bool continues = lcn < 0 ? last.lcn == lcn : (last.lcn >= 0 && last.lcn + last.length == lcn);
     if (continues) {
       last.length += length;
       return;
     }
   }
-  rl->push_back(runlist_element{vcn, lcn, length});
+  runs->push_back(NtfsRun{vcn, lcn, length});
 }
 
-// Replaces the attribute's runlist by a malloc'ed copy of rl (the library frees it).
-bool installRunlist(ntfs_attr* na, const std::vector<runlist_element>& rl) {
-  auto* copy = static_cast<runlist_element*>(malloc(rl.size() * sizeof(runlist_element)));
-  if (copy == nullptr) return false;
-  std::copy(rl.begin(), rl.end(), copy);
-  free(na->rl);
-  na->rl = copy;
-  return true;
+// The runs of a move of VCNs [vcn, end) to lcn, and the stored pieces it leaves.
+struct Plan {
+  std::vector<NtfsRun> runs;
+  std::vector<PendingMoves::Extent> left;
+  int64_t stored = 0;
+};
+
+Plan plan(const std::vector<NtfsRun>& runs, int64_t vcn, int64_t end, int64_t lcn) {
+  Plan p;
+  for (const NtfsRun& r : runs) {
+    const int64_t s = r.vcn, e = r.vcn + r.length;
+    const int64_t a = std::max(s, vcn), b = std::min(e, end);
+    if (a >= b) {
+      append(&p.runs, s, r.lcn, r.length);
+      continue;
+    }
+    append(&p.runs, s, r.lcn, a - s);
+    if (r.lcn >= 0) {
+      p.left.push_back(PendingMoves::Extent{r.lcn + (a - s), b - a});
+      append(&p.runs, a, lcn + p.stored, b - a);
+      p.stored += b - a;
+    } else {
+      append(&p.runs, a, r.lcn, b - a);  // a hole stays a hole
+    }
+    append(&p.runs, b, r.lcn >= 0 ? r.lcn + (b - s) : r.lcn, e - b);
+  }
+  return p;
 }
 
 }  // namespace
 
-bool NtfsMover::flush() { return ntfs_device_sync(vol_->dev) == 0; }
+bool NtfsMover::sync() { return ntfs_device_sync(vol_->dev) == 0; }
 
-bool NtfsMover::allFree(int64_t lcn, int64_t count, bool* ioError) {
-  *ioError = false;
-  int64_t firstByte = lcn / 8, lastByte = (lcn + count - 1) / 8;
-  std::vector<uint8_t> bytes(static_cast<size_t>(lastByte - firstByte + 1));
-  if (ntfs_attr_pread(vol_->lcnbmp_na, firstByte, static_cast<s64>(bytes.size()), bytes.data()) !=
-      static_cast<s64>(bytes.size())) {
-    *ioError = true;
-    return false;
-  }
-  for (int64_t c = lcn; c < lcn + count; ++c) {
-    if (bytes[static_cast<size_t>(c / 8 - firstByte)] & (1u << (c % 8))) return false;
-  }
-  return true;
+bool NtfsMover::fail() {
+  // What is on disk is consistent (each step waited for the one before);
+  // whatever is still pending must never be written after this.
+  failed_ = true;
+  pending_.clear();
+  return false;
 }
 
-bool NtfsMover::markClusters(int64_t lcn, int64_t count, bool used) {
-  int64_t firstByte = lcn / 8, lastByte = (lcn + count - 1) / 8;
-  std::vector<uint8_t> bytes(static_cast<size_t>(lastByte - firstByte + 1));
+bool NtfsMover::readBitmap(int64_t lcn, int64_t count, int64_t* firstByte, std::vector<uint8_t>* bytes) {
+  *firstByte = lcn / 8;
+  bytes->resize(static_cast<size_t>((lcn + count - 1) / 8 - *firstByte + 1));
+  s64 n = static_cast<s64>(bytes->size());
+  return ntfs_attr_pread(vol_->lcnbmp_na, *firstByte, n, bytes->data()) == n;
+}
+
+bool NtfsMover::writeBitmap(int64_t firstByte, const std::vector<uint8_t>& bytes) {
   s64 n = static_cast<s64>(bytes.size());
-  if (ntfs_attr_pread(vol_->lcnbmp_na, firstByte, n, bytes.data()) != n) return false;
-  for (int64_t c = lcn; c < lcn + count; ++c) {
-    uint8_t& b = bytes[static_cast<size_t>(c / 8 - firstByte)];
-    b = used ? static_cast<uint8_t>(b | (1u << (c % 8))) : static_cast<uint8_t>(b & ~(1u << (c % 8)));
+  return ntfs_attr_pwrite(vol_->lcnbmp_na, firstByte, n, bytes.data()) == n;
+}
+
+bool NtfsMover::freeClusters(const std::vector<PendingMoves::Extent>& extents) {
+  // Extents in cluster order whose bits lie close together are cleared with
+  // one read and one write of $Bitmap.
+  constexpr int64_t kWindowBytes = 4096;
+  for (size_t i = 0; i < extents.size();) {
+    const int64_t first = extents[i].lcn;
+    size_t j = i + 1;
+    while (j < extents.size() && (extents[j].lcn + extents[j].length - 1) / 8 - first / 8 < kWindowBytes) ++j;
+    int64_t firstByte;
+    std::vector<uint8_t> bytes;
+    const int64_t last = extents[j - 1].lcn + extents[j - 1].length;
+    if (!readBitmap(first, last - first, &firstByte, &bytes)) return false;
+    for (; i < j; ++i) {
+      for (int64_t c = extents[i].lcn; c < extents[i].lcn + extents[i].length; ++c) {
+        bytes[static_cast<size_t>(c / 8 - firstByte)] &= static_cast<uint8_t>(~(1u << (c % 8)));
+      }
+    }
+    if (!writeBitmap(firstByte, bytes)) return false;
   }
-  if (ntfs_attr_pwrite(vol_->lcnbmp_na, firstByte, n, bytes.data()) != n) return false;
   return true;
 }
 
-bool NtfsMover::copyClusters(int64_t from, int64_t to, int64_t count, uint32_t* error) {
-  const int64_t bits = vol_->cluster_size_bits;
-  std::vector<uint8_t> buffer(static_cast<size_t>(std::min<int64_t>(kCopyBytes, count << bits)));
-  int64_t done = 0, total = count << bits;
-  while (done < total) {
-    s64 n = std::min<int64_t>(static_cast<int64_t>(buffer.size()), total - done);
-    if (ntfs_pread(vol_->dev, (from << bits) + done, n, buffer.data()) != n) {
-      *error = kNtfsReadFault;
-      return false;
+bool NtfsMover::readClusters(int64_t lcn, int64_t count, uint8_t* out) {
+  const s64 n = count << vol_->cluster_size_bits;
+  if (ntfs_pread(vol_->dev, lcn << vol_->cluster_size_bits, n, out) != n) return false;
+  pending_.overlayHeld(lcn, count, vol_->cluster_size, out);
+  return true;
+}
+
+bool NtfsMover::writeClusters(int64_t lcn, const std::vector<uint8_t>& bytes) {
+  const s64 n = static_cast<s64>(bytes.size());
+  return ntfs_pwrite(vol_->dev, lcn << vol_->cluster_size_bits, n, bytes.data()) == n;
+}
+
+bool NtfsMover::copyClusters(const std::vector<PendingMoves::Extent>& from, int64_t to, uint32_t* error) {
+  // The pieces are gathered into one buffer and written to the contiguous
+  // target in large writes.
+  const int64_t chunk = kCopyBytes >> vol_->cluster_size_bits;
+  std::vector<uint8_t> buffer;
+  int64_t filled = 0;
+  auto flushBuffer = [&] {
+    buffer.resize(static_cast<size_t>(filled << vol_->cluster_size_bits));
+    bool ok = writeClusters(to, buffer);
+    to += filled;
+    filled = 0;
+    return ok;
+  };
+  for (const PendingMoves::Extent& e : from) {
+    for (int64_t done = 0; done < e.length;) {
+      int64_t n = std::min(chunk - filled, e.length - done);
+      buffer.resize(static_cast<size_t>((filled + n) << vol_->cluster_size_bits));
+      if (!readClusters(e.lcn + done, n, buffer.data() + (filled << vol_->cluster_size_bits))) {
+        *error = kNtfsReadFault;
+        return false;
+      }
+      filled += n;
+      done += n;
+      if (filled == chunk && !flushBuffer()) {
+        *error = kNtfsWriteFault;
+        return false;
+      }
     }
-    if (ntfs_pwrite(vol_->dev, (to << bits) + done, n, buffer.data()) != n) {
-      *error = kNtfsWriteFault;
-      return false;
-    }
-    done += n;
+  }
+  if (filled > 0 && !flushBuffer()) {
+    *error = kNtfsWriteFault;
+    return false;
   }
   return true;
 }
 
 uint32_t NtfsMover::move(uint64_t mftNo, int64_t vcn, int64_t lcn, uint32_t count) {
+  if (failed_) return kNtfsWriteFault;
   if (vcn < 0 || lcn < 0) return kNtfsInvalidParameter;
   std::unique_ptr<ntfs_inode, InodeCloser> ni(ntfs_inode_open(vol_, mftNo));
   if (!ni) return kNtfsInvalidParameter;
@@ -108,7 +164,6 @@ uint32_t NtfsMover::move(uint64_t mftNo, int64_t vcn, int64_t lcn, uint32_t coun
   std::unique_ptr<ntfs_attr, AttrCloser> na(ntfs_attr_open(ni.get(), AT_DATA, AT_UNNAMED, 0));
   // A resident stream has no clusters to move.
   if (!na || !NAttrNonResident(na.get())) return kNtfsInvalidParameter;
-  if (ntfs_attr_map_whole_runlist(na.get()) != 0) return kNtfsReadFault;
 
   const int64_t vcnCount = na->allocated_size >> vol_->cluster_size_bits;
   if (count > 0 && vcn >= vcnCount) return kNtfsInvalidParameter;
@@ -119,73 +174,107 @@ uint32_t NtfsMover::move(uint64_t mftNo, int64_t vcn, int64_t lcn, uint32_t coun
   }
   if (count == 0) return kNtfsOk;
 
-  // The old runlist, the stored pieces of [vcn, end) and the new runlist.
-  std::vector<runlist_element> oldRl, newRl;
-  std::vector<Piece> pieces;
-  int64_t next = lcn;
-  const runlist_element* rl = na->rl;
-  for (; rl->length != 0; ++rl) {
-    if (rl->lcn < LCN_HOLE) return kNtfsReadFault;
-    oldRl.push_back(*rl);
-    const VCN s = rl->vcn, e = rl->vcn + rl->length;
-    const VCN a = std::max<VCN>(s, vcn), b = std::min<VCN>(e, end);
-    if (a >= b) {
-      append(&newRl, s, rl->lcn, rl->length);
-      continue;
+  // The runs as the volume shows them: a pending move's, else the disk's.
+  std::vector<NtfsRun> runs;
+  if (const std::vector<NtfsRun>* pending = pending_.runsOf(mftNo)) {
+    runs = *pending;
+  } else {
+    if (ntfs_attr_map_whole_runlist(na.get()) != 0) return kNtfsReadFault;
+    for (const runlist_element* rl = na->rl; rl->length != 0; ++rl) {
+      if (rl->lcn < LCN_HOLE) return kNtfsReadFault;
+      runs.push_back(NtfsRun{rl->vcn, rl->lcn, rl->length});
     }
-    append(&newRl, s, rl->lcn, a - s);
-    if (rl->lcn >= 0) {
-      pieces.push_back(Piece{rl->lcn + (a - s), b - a});
-      append(&newRl, a, next, b - a);
-      next += b - a;
-    } else {
-      append(&newRl, a, rl->lcn, b - a);
-    }
-    append(&newRl, b, rl->lcn >= 0 ? rl->lcn + (b - s) : rl->lcn, e - b);
   }
-  oldRl.push_back(*rl);  // the terminator
-  newRl.push_back(*rl);
-  const int64_t stored = next - lcn;
-  if (stored == 0) return kNtfsOk;  // only holes in the range
-  if (lcn + stored > vol_->nr_clusters) return kNtfsInvalidParameter;
-  bool ioError = false;
-  if (!allFree(lcn, stored, &ioError)) return ioError ? kNtfsReadFault : kNtfsInvalidParameter;
+  Plan p = plan(runs, vcn, end, lcn);
+  if (p.stored == 0) return kNtfsOk;  // only holes in the range
+  if (lcn + p.stored > vol_->nr_clusters) return kNtfsInvalidParameter;
 
-  // 1. The target is ours before anything points at it.
-  if (!markClusters(lcn, stored, true)) {
-    markClusters(lcn, stored, false);
-    return kNtfsWriteFault;
+  // The target must be free: clear in $Bitmap, or left by a pending move.
+  int64_t firstByte;
+  std::vector<uint8_t> before;
+  if (!readBitmap(lcn, p.stored, &firstByte, &before)) return kNtfsReadFault;
+  for (int64_t c = lcn; c < lcn + p.stored; ++c) {
+    if ((before[static_cast<size_t>(c / 8 - firstByte)] >> (c % 8) & 1) && !pending_.isLeft(c)) {
+      return kNtfsInvalidParameter;
+    }
   }
-  // 2. The bytes are at the target before the map says so. One flush covers
-  // steps 1 and 2: until the map changes, nothing depends on either.
+  uint64_t batch = pending_.batchFor(mftNo, lcn, p.stored);
+  const size_t bytes = static_cast<size_t>(p.stored << vol_->cluster_size_bits);
+  // Data that has to wait must fit in memory, else the batches before it go
+  // first (which may free clusters around the target: the bitmap is read again).
+  if (batch > pending_.base() && pending_.heldBytes() + bytes > limits_.heldBytes) {
+    while (batch > pending_.base() && pending_.heldBytes() + bytes > limits_.heldBytes) {
+      if (!commit()) return kNtfsWriteFault;
+    }
+    batch = std::max(batch, pending_.base());
+    if (!readBitmap(lcn, p.stored, &firstByte, &before)) return kNtfsReadFault;
+  }
+
+  // 1. The target is ours before anything points at it; its data follows at
+  // once in the base batch, later (held here) in a batch above it.
+  std::vector<uint8_t> marked = before;
+  for (int64_t c = lcn; c < lcn + p.stored; ++c) marked[static_cast<size_t>(c / 8 - firstByte)] |= static_cast<uint8_t>(1u << (c % 8));
   uint32_t error = kNtfsOk;
-  int64_t to = lcn;
-  for (const Piece& p : pieces) {
-    if (!copyClusters(p.lcn, to, p.length, &error)) break;
-    to += p.length;
+  if (!writeBitmap(firstByte, marked)) {
+    error = kNtfsWriteFault;
+  } else if (batch == pending_.base()) {
+    copyClusters(p.left, lcn, &error);
+  } else {
+    PendingMoves::Held held{batch, lcn, std::vector<uint8_t>(bytes)};
+    int64_t at = 0;
+    for (const PendingMoves::Extent& e : p.left) {
+      if (!readClusters(e.lcn, e.length, held.bytes.data() + (at << vol_->cluster_size_bits))) {
+        error = kNtfsReadFault;
+        break;
+      }
+      at += e.length;
+    }
+    if (error == kNtfsOk) pending_.hold(std::move(held));
   }
-  if (error == kNtfsOk && !flush()) error = kNtfsWriteFault;
   if (error != kNtfsOk) {
-    markClusters(lcn, stored, false);
-    flush();
+    writeBitmap(firstByte, before);  // nothing points at the target: it is free again
     return error;
   }
-  // 3. The map points at the target.
-  if (!installRunlist(na.get(), newRl) || ntfs_attr_update_mapping_pairs(na.get(), 0) != 0 ||
-      ntfs_inode_sync(ni.get()) != 0 || !flush()) {
-    // Put the old map back; the target stays marked used only when that fails too.
-    if (installRunlist(na.get(), oldRl) && ntfs_attr_update_mapping_pairs(na.get(), 0) == 0 &&
-        ntfs_inode_sync(ni.get()) == 0 && flush()) {
-      markClusters(lcn, stored, false);
-      flush();
-    }
-    return kNtfsWriteFault;
+  // 2. and 3. wait for the batch's commit.
+  pending_.add(mftNo, batch, std::move(p.runs), lcn, p.stored, p.left);
+  if (pending_.records() >= limits_.records || pending_.heldBytes() > limits_.heldBytes ||
+      pending_.leftExtents() >= limits_.leftExtents) {
+    if (!commit()) return kNtfsWriteFault;
   }
-  // 4. The old clusters are free again. A failure here, or a crash before
-  // the next flush, only leaks them, so this step is flushed by the next move
-  // (or when the volume is closed).
-  for (const Piece& p : pieces) markClusters(p.lcn, p.length, false);
   return kNtfsOk;
+}
+
+bool NtfsMover::commit() {
+  std::map<uint64_t, std::vector<NtfsRun>> records = pending_.takeRecords();
+  if (!records.empty()) {
+    // 2. The batch's data and marks are durable before any record points at them.
+    if (!sync()) return fail();
+    size_t remaining = records.size();
+    for (const auto& [mftNo, runs] : records) {
+      --remaining;
+      bool repacked = false;
+      if (!writeStreamRuns(vol_, mftNo, runs, &repacked)) return fail();
+      // Repacking, the library may free extent records or clusters of an
+      // attribute list and hand them to the next file it extends; they are
+      // free only once this file's records are durable.
+      if (repacked && remaining > 0 && !sync()) return fail();
+    }
+    if (!sync()) return fail();
+  }
+  // 3. The records are durable: what the batch left is free, and the data
+  // that waited for those clusters can go out.
+  if (!freeClusters(pending_.takeLeft())) return fail();
+  for (const PendingMoves::Held& h : pending_.advance()) {
+    if (!writeClusters(h.lcn, h.bytes)) return fail();
+  }
+  return true;
+}
+
+bool NtfsMover::commitAll() {
+  while (!failed_ && !pending_.empty()) {
+    if (!commit()) return false;
+  }
+  return !failed_;
 }
 
 }  // namespace glidewell

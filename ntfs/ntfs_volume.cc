@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "ntfs/ntfs3g.h"
+#include "ntfs/ntfs_device.h"
 #include "ntfs/ntfs_mover.h"
 #include "ntfs/ntfs_safety.h"
 
@@ -66,7 +67,7 @@ bool checkState(ntfs_volume* vol, const std::string& path, std::string* error) {
 
 }  // namespace
 
-std::unique_ptr<NtfsVolume> NtfsVolume::open(const std::string& path, std::string* error) {
+std::unique_ptr<NtfsVolume> NtfsVolume::open(const std::string& path, std::string* error, Options options) {
   quietLibrary();
   if (!hasNtfsBootSector(path, error)) return nullptr;
   std::string mountPoint = mountPointOf(path);
@@ -78,9 +79,8 @@ std::unique_ptr<NtfsVolume> NtfsVolume::open(const std::string& path, std::strin
   bool blockDevice = ::stat(path.c_str(), &st) == 0 && S_ISBLK(st.st_mode);
   // A block device is opened exclusively, so a mount by the kernel (now or
   // while we work) fails instead of sharing the device with us.
-  ntfs_mount_flags exclusive = blockDevice ? NTFS_MNT_EXCLUSIVE : 0;
   {
-    ntfs_volume* probe = ntfs_mount(path.c_str(), NTFS_MNT_RDONLY | exclusive);
+    ntfs_volume* probe = ntfs_mount(path.c_str(), NTFS_MNT_RDONLY | (blockDevice ? NTFS_MNT_EXCLUSIVE : 0));
     if (probe == nullptr) {
       *error = "cannot open " + path + " as NTFS: " + strerror(errno) + " (run ntfsfix or chkdsk first)";
       return nullptr;
@@ -89,15 +89,23 @@ std::unique_ptr<NtfsVolume> NtfsVolume::open(const std::string& path, std::strin
     ntfs_umount(probe, FALSE);
     if (!ok) return nullptr;
   }
-  ntfs_volume* vol = ntfs_mount(path.c_str(), exclusive);
+  std::unique_ptr<DeviceFile> file = openDeviceFile(path, error);
+  if (!file) return nullptr;
+  if (options.wrapFile) file = options.wrapFile(std::move(file));
+  auto device = std::make_unique<NtfsDevice>(std::move(file));
+  ntfs_device* dev = device->makeDevice(path);
+  ntfs_volume* vol = dev != nullptr ? ntfs_device_mount(dev, 0) : nullptr;
   if (vol == nullptr) {
     *error = "cannot open " + path + " for writing: " + strerror(errno);
+    if (dev != nullptr) ntfs_device_free(dev);
     return nullptr;
   }
-  return std::unique_ptr<NtfsVolume>(new NtfsVolume(path, vol));
+  return std::unique_ptr<NtfsVolume>(new NtfsVolume(path, std::move(device), vol, options.limits));
 }
 
-NtfsVolume::NtfsVolume(std::string path, ntfs_volume* vol) : path_(std::move(path)), vol_(vol) {
+NtfsVolume::NtfsVolume(std::string path, std::unique_ptr<NtfsDevice> device, ntfs_volume* vol,
+                       const NtfsCommitLimits& limits)
+    : path_(std::move(path)), device_(std::move(device)), vol_(vol), mover_(std::make_unique<NtfsMover>(vol, limits)) {
   totalClusters_ = static_cast<uint64_t>(vol->nr_clusters);
   clusterSize_ = vol->cluster_size;
   sectorSize_ = vol->sector_size;
@@ -111,7 +119,12 @@ NtfsVolume::NtfsVolume(std::string path, ntfs_volume* vol) : path_(std::move(pat
   if (name) label_.assign(reinterpret_cast<const char16_t*>(name.get()), static_cast<size_t>(size) / 2);
 }
 
-NtfsVolume::~NtfsVolume() { ntfs_umount(vol_, FALSE); }
+NtfsVolume::~NtfsVolume() {
+  // A failed commit has left the disk consistent; nothing more can be done here.
+  mover_->commitAll();
+  mover_.reset();
+  ntfs_umount(vol_, FALSE);
+}
 
 uint32_t NtfsVolume::readBitmap(uint64_t first, size_t count, uint8_t* out) {
   std::lock_guard<std::mutex> guard(mutex_);
@@ -120,7 +133,9 @@ uint32_t NtfsVolume::readBitmap(uint64_t first, size_t count, uint8_t* out) {
   s64 available = bitmap->data_size - static_cast<s64>(first);
   if (available <= 0) return kNtfsOk;
   s64 want = std::min<s64>(available, static_cast<s64>(count));
-  return ntfs_attr_pread(bitmap, static_cast<s64>(first), want, out) == want ? kNtfsOk : kNtfsReadFault;
+  if (ntfs_attr_pread(bitmap, static_cast<s64>(first), want, out) != want) return kNtfsReadFault;
+  mover_->clearLeft(first, static_cast<size_t>(want), out);  // clusters pending moves left are free
+  return kNtfsOk;
 }
 
 uint64_t NtfsVolume::freeClusters() {
@@ -255,22 +270,28 @@ uint32_t NtfsVolume::streamMap(uint64_t mftNo, NtfsStreamMap* map) {
   if (ni->mrec->flags & MFT_RECORD_IS_DIRECTORY) return kNtfsOk;
   AttrPtr na(ntfs_attr_open(ni.get(), AT_DATA, AT_UNNAMED, 0));
   if (!na || !NAttrNonResident(na.get())) return kNtfsOk;
-  if (ntfs_attr_map_whole_runlist(na.get()) != 0) return kNtfsReadFault;
   map->nonResident = true;
   map->vcnCount = static_cast<uint64_t>(na->allocated_size) >> vol_->cluster_size_bits;
   if (na->data_flags & ATTR_COMPRESSION_MASK) map->unitClusters = na->compression_block_clusters;
-  for (const runlist_element* rl = na->rl; rl != nullptr && rl->length != 0; ++rl) {
-    if (rl->lcn < LCN_HOLE) return kNtfsReadFault;  // a part of the map the library could not read
-    int64_t lcn = rl->lcn >= 0 ? rl->lcn : -1;
+  auto add = [map](int64_t vcn, int64_t lcn, int64_t length) {
     if (!map->runs.empty()) {
       NtfsRun& last = map->runs.back();
       bool continues = lcn < 0 ? last.lcn < 0 : (last.lcn >= 0 && last.lcn + last.length == lcn);
-      if (continues && last.vcn + last.length == rl->vcn) {
-        last.length += rl->length;
-        continue;
+      if (continues && last.vcn + last.length == vcn) {
+        last.length += length;
+        return;
       }
     }
-    map->runs.push_back(NtfsRun{rl->vcn, lcn, rl->length});
+    map->runs.push_back(NtfsRun{vcn, lcn, length});
+  };
+  if (const std::vector<NtfsRun>* pending = mover_->pendingRuns(mftNo)) {
+    for (const NtfsRun& r : *pending) add(r.vcn, r.lcn, r.length);
+    return kNtfsOk;
+  }
+  if (ntfs_attr_map_whole_runlist(na.get()) != 0) return kNtfsReadFault;
+  for (const runlist_element* rl = na->rl; rl != nullptr && rl->length != 0; ++rl) {
+    if (rl->lcn < LCN_HOLE) return kNtfsReadFault;  // a part of the map the library could not read
+    add(rl->vcn, rl->lcn >= 0 ? rl->lcn : -1, rl->length);
   }
   return kNtfsOk;
 }
@@ -278,7 +299,7 @@ uint32_t NtfsVolume::streamMap(uint64_t mftNo, NtfsStreamMap* map) {
 uint32_t NtfsVolume::moveClusters(uint64_t mftNo, int64_t vcn, int64_t lcn, uint32_t count) {
   std::lock_guard<std::mutex> guard(mutex_);
   if (isMetafile(mftNo)) return kNtfsAccessDenied;
-  return NtfsMover(vol_).move(mftNo, vcn, lcn, count);
+  return mover_->move(mftNo, vcn, lcn, count);
 }
 
 std::u16string NtfsVolume::upcase(const std::u16string& name) {

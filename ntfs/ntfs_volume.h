@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "ntfs/device_file.h"
+
 struct _ntfs_volume;
 
 namespace glidewell {
@@ -77,14 +79,33 @@ struct NtfsStreamMap {
   std::vector<NtfsRun> runs; // in VCN order, adjacent runs merged
 };
 
+// When pending moves are committed before the volume is closed (see
+// NtfsMover): once the data waiting in memory, the file records waiting to
+// be written or the extents the moves left pass these. Every commit costs
+// two flushes; every extent left costs a little on each read of the bitmap.
+struct NtfsCommitLimits {
+  size_t heldBytes = size_t{64} << 20;
+  size_t records = 256;
+  size_t leftExtents = 4096;
+};
+
+class NtfsMover;
+class NtfsDevice;
+
 class NtfsVolume {
  public:
+  struct Options {
+    NtfsCommitLimits limits;
+    DeviceFileWrapper wrapFile;  // tests: a layer over the device file
+  };
+
   // Opens the volume at path for reading and writing after the safety checks:
   // NTFS boot sector, not mounted anywhere (block devices are opened
   // exclusively), not marked dirty, not hibernated, journal clean. On refusal
   // returns null with one line in *error and nothing written.
-  static std::unique_ptr<NtfsVolume> open(const std::string& path, std::string* error);
-  ~NtfsVolume();  // unmounts
+  static std::unique_ptr<NtfsVolume> open(const std::string& path, std::string* error,
+                                          Options options = Options());
+  ~NtfsVolume();  // commits the pending moves and unmounts
   NtfsVolume(const NtfsVolume&) = delete;
   NtfsVolume& operator=(const NtfsVolume&) = delete;
 
@@ -96,7 +117,8 @@ class NtfsVolume {
   const std::u16string& label() const { return label_; }
 
   // Copies count bytes of $Bitmap from byte first (cluster 8 * first); bytes
-  // past the volume read as 0. kNtfsOk or kNtfsReadFault.
+  // past the volume read as 0, and clusters that moves not yet committed left
+  // read as free. kNtfsOk or kNtfsReadFault.
   uint32_t readBitmap(uint64_t first, size_t count, uint8_t* out);
   uint64_t freeClusters();
 
@@ -110,9 +132,11 @@ class NtfsVolume {
   // way), kNtfsAccessDenied (a metafile).
   uint32_t lookup(const std::vector<std::u16string>& components, uint64_t* mftNo);
   uint32_t fileInfo(uint64_t mftNo, NtfsFileInfo* info);
+  // The runs after every move made, committed or not.
   uint32_t streamMap(uint64_t mftNo, NtfsStreamMap* map);
   // Moves clusters [vcn, vcn + count) of the file's unnamed data stream to
-  // lcn (see NtfsMover).
+  // lcn (see NtfsMover). The volume shows the move at once; it is durable
+  // after the next commit.
   uint32_t moveClusters(uint64_t mftNo, int64_t vcn, int64_t lcn, uint32_t count);
 
   // A name upper-cased through the volume's $UpCase table.
@@ -123,12 +147,14 @@ class NtfsVolume {
   static bool isMetafile(uint64_t mftNo) { return mftNo < 24 && mftNo != kRootMft; }
 
  private:
-  NtfsVolume(std::string path, _ntfs_volume* vol);
+  NtfsVolume(std::string path, std::unique_ptr<NtfsDevice> device, _ntfs_volume* vol, const NtfsCommitLimits& limits);
   uint32_t listNamesLocked(uint64_t dirMft, const std::vector<NtfsName>** names);
 
   std::mutex mutex_;
   std::string path_;
+  std::unique_ptr<NtfsDevice> device_;  // outlives the mount
   _ntfs_volume* vol_;
+  std::unique_ptr<NtfsMover> mover_;
   uint64_t totalClusters_ = 0;
   uint32_t clusterSize_ = 0;
   uint32_t sectorSize_ = 0;

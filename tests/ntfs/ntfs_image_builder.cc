@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <random>
@@ -269,6 +270,71 @@ std::string writeInterleaved(const std::string& path, const std::string& first, 
     w.write(second, int64_t{i} * cluster, randomBytes(rng, cluster));
   }
   return w.finish() ? "" : w.error;
+}
+
+std::string markJournalUnclean(const std::string& path) {
+  VolumePtr vol(ntfs_mount(path.c_str(), 0));
+  if (!vol) return "cannot mount " + path;
+  ntfs_inode* log = ntfs_inode_open(vol.get(), FILE_LogFile);
+  ntfs_attr* na = log ? ntfs_attr_open(log, AT_DATA, AT_UNNAMED, 0) : nullptr;
+  if (na == nullptr) {
+    if (log) ntfs_inode_close(log);
+    return "cannot open $LogFile";
+  }
+  // A restart page of log file version 1.1 whose one client is in use and
+  // which does not say the volume was shut down cleanly: the journal has
+  // work to replay. Both copies (at 0 and at one page) say the same.
+  constexpr uint32_t kPage = 4096;
+  std::vector<uint8_t> page(kPage, 0);
+  auto* rp = reinterpret_cast<RESTART_PAGE_HEADER*>(page.data());
+  rp->magic = magic_RSTR;
+  rp->usa_ofs = cpu_to_le16(30);
+  rp->usa_count = cpu_to_le16(kPage / NTFS_BLOCK_SIZE + 1);
+  rp->system_page_size = cpu_to_le32(kPage);
+  rp->log_page_size = cpu_to_le32(kPage);
+  rp->restart_area_offset = cpu_to_le16(48);
+  rp->minor_ver = cpu_to_le16(1);
+  rp->major_ver = cpu_to_le16(1);
+  auto* ra = reinterpret_cast<RESTART_AREA*>(page.data() + 48);
+  ra->current_lsn = cpu_to_le64(0x100000);
+  ra->log_clients = cpu_to_le16(1);
+  ra->client_free_list = LOGFILE_NO_CLIENT;
+  ra->client_in_use_list = cpu_to_le16(0);
+  ra->flags = 0;  // not RESTART_VOLUME_IS_CLEAN
+  ra->seq_number_bits = cpu_to_le32(67 - 22);
+  ra->client_array_offset = cpu_to_le16(0x40);
+  ra->restart_area_length = cpu_to_le16(0x40 + sizeof(LOG_CLIENT_RECORD));
+  ra->file_size = cpu_to_le64(static_cast<u64>(na->data_size));
+  ra->log_record_header_length = cpu_to_le16(0x30);
+  ra->log_page_data_offset = cpu_to_le16(0x40);
+  ra->restart_log_open_count = cpu_to_le32(1);
+  auto* client = reinterpret_cast<LOG_CLIENT_RECORD*>(page.data() + 48 + 0x40);
+  client->client_restart_lsn = ra->current_lsn;
+  client->prev_client = LOGFILE_NO_CLIENT;
+  client->next_client = LOGFILE_NO_CLIENT;
+  client->client_name_length = cpu_to_le32(8);
+  const char16_t name[] = u"NTFS";
+  std::memcpy(client->client_name, name, 8);
+  bool ok = true;
+  for (s64 at : {s64{0}, s64{kPage}}) {
+    std::vector<uint8_t> copy = page;  // the write applies the fixups in place
+    ok = ok && ntfs_attr_mst_pwrite(na, at, 1, kPage, copy.data()) == 1;
+  }
+  ntfs_attr_close(na);
+  ntfs_inode_close(log);
+  vol.reset();
+  if (!ok) return "cannot write the restart pages of $LogFile";
+  // The pages must be valid, so that the journal reads as one to replay
+  // rather than as damaged.
+  vol.reset(ntfs_mount(path.c_str(), NTFS_MNT_RDONLY));
+  log = vol ? ntfs_inode_open(vol.get(), FILE_LogFile) : nullptr;
+  na = log ? ntfs_attr_open(log, AT_DATA, AT_UNNAMED, 0) : nullptr;
+  RESTART_PAGE_HEADER* read = nullptr;
+  bool replay = na != nullptr && ntfs_check_logfile(na, &read) && read != nullptr && !ntfs_is_logfile_clean(na, read);
+  free(read);
+  if (na != nullptr) ntfs_attr_close(na);
+  if (log != nullptr) ntfs_inode_close(log);
+  return replay ? "" : "the restart pages written do not read as a journal to replay";
 }
 
 std::string markDirty(const std::string& path) {

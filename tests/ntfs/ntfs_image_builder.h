@@ -45,6 +45,10 @@ std::string writeInterleaved(const std::string& path, const std::string& first, 
 // Sets the volume's dirty flag through the library.
 std::string markDirty(const std::string& path);
 
+// Writes restart pages into $LogFile (through the library) that say the
+// journal has work to replay.
+std::string markJournalUnclean(const std::string& path);
+
 }  // namespace ntfstest
 }  // namespace glidewell
 

@@ -1,9 +1,10 @@
 #!/usr/bin/python3
-"""Reads an NTFS image with libfsntfs (an NTFS reader independent of
-libntfs-3g) and prints one line per file or directory: path, size, attributes
-and the SHA-256 of every data stream. Then checks the allocation: no cluster
-owned by two streams, and every owned cluster marked used in $Bitmap; any
-breach is printed as a line starting with "PROBLEM"."""
+"""Reads NTFS images with libfsntfs (an NTFS reader independent of
+libntfs-3g) and prints, for each image given, one line per file or
+directory: path, size, attributes and the SHA-256 of every data stream. Then
+checks the allocation: no cluster owned by two streams, and every owned
+cluster marked used in $Bitmap; any breach is printed as a line starting with
+"PROBLEM". Each image's lines end with a line "--- end"."""
 import hashlib
 import sys
 
@@ -33,9 +34,12 @@ def extents(entry):
         yield offset, size
 
 
-def main():
+def manifest(image):
     volume = pyfsntfs.volume()
-    volume.open(sys.argv[1])
+    try:
+        volume.open(image)
+    except IOError as error:
+        return ["PROBLEM cannot read the volume: %s" % error]
     cluster = volume.get_cluster_block_size()
     lines, owners, problems = [], {}, []
 
@@ -64,15 +68,25 @@ def main():
                         problems.append("PROBLEM cluster %d owned by records %d and %d" % (lcn, owners[lcn], ref))
                     owners[lcn] = ref
 
-    walk(volume.get_root_directory(), "")
-    bitmap_entry = volume.get_file_entry(6)
-    bitmap = bitmap_entry.read_buffer(bitmap_entry.get_size())
+    try:
+        walk(volume.get_root_directory(), "")
+        bitmap_entry = volume.get_file_entry(6)
+        bitmap = bitmap_entry.read_buffer(bitmap_entry.get_size())
+    except (IOError, OSError) as error:
+        return sorted(lines) + problems + ["PROBLEM cannot read the volume: %s" % error]
     for lcn in sorted(owners):
         if not bitmap[lcn // 8] >> (lcn % 8) & 1:
             problems.append("PROBLEM cluster %d of record %d is free in $Bitmap" % (lcn, owners[lcn]))
             break
-    for line in sorted(lines) + problems:
-        print(line)
+    volume.close()
+    return sorted(lines) + problems
+
+
+def main():
+    for image in sys.argv[1:]:
+        for line in manifest(image):
+            print(line)
+        print("--- end")
 
 
 if __name__ == "__main__":

@@ -20,11 +20,23 @@ int runShell(const std::string& command, std::string* output) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-std::string manifest(const std::string& image) {
+std::vector<std::string> manifests(const std::vector<std::string>& images) {
+  std::string command = std::string("/usr/bin/python3 ") + GW_NTFS_MANIFEST;
+  for (const std::string& image : images) command += " '" + image + "'";
   std::string out;
-  int status = runShell(std::string("/usr/bin/python3 ") + GW_NTFS_MANIFEST + " '" + image + "'", &out);
-  return status == 0 ? out : "PROBLEM the reader failed: " + out;
+  int status = runShell(command, &out);
+  std::vector<std::string> each;
+  const std::string end = "--- end\n";
+  for (size_t at = 0, next; (next = out.find(end, at)) != std::string::npos; at = next + end.size()) {
+    each.push_back(out.substr(at, next - at));
+  }
+  if (status != 0 || each.size() != images.size()) {
+    each.assign(images.size(), "PROBLEM the reader failed: " + out);
+  }
+  return each;
 }
+
+std::string manifest(const std::string& image) { return manifests({image})[0]; }
 
 std::string ntfsfixProblem(const std::string& image) {
   std::string out;

@@ -5,6 +5,7 @@
 #define GLIDEWELL_TESTS_NTFS_NTFS_TEST_UTIL_H_
 
 #include <string>
+#include <vector>
 
 namespace glidewell {
 namespace ntfstest {
@@ -13,8 +14,10 @@ namespace ntfstest {
 int runShell(const std::string& command, std::string* output);
 
 // The manifest of the image; lines starting with "PROBLEM" report clusters
-// owned twice or owned but free.
+// owned twice or owned but free, or a volume that cannot be read.
 std::string manifest(const std::string& image);
+// The manifests of several images, read by one run of the reader.
+std::vector<std::string> manifests(const std::vector<std::string>& images);
 
 // "" when ntfsfix -n finds the volume clean; otherwise its output.
 std::string ntfsfixProblem(const std::string& image);
